@@ -1,0 +1,18 @@
+#ifndef STAVIK_CORE_BOOT_STRACE_H
+#define STAVIK_CORE_BOOT_STRACE_H
+
+#include <cstdint>
+#include <string>
+
+namespace Stavik {
+
+// Time stamp of a boot milestone, from the hardware counter:
+// "[<seconds>s][BOOT_TRACE][<tag>]", or "" when the counter frequency is 0.
+std::string BootStrace(const std::string& tag);
+
+// The same text for a given counter reading and frequency.
+std::string FormatBootStrace(uint64_t counter, uint64_t frequency, const std::string& tag);
+
+} // namespace Stavik
+
+#endif
