@@ -38,6 +38,16 @@ uint64_t ReadFrequency()
 
 } // namespace
 
+uint64_t BootCounter()
+{
+    return ReadCounter();
+}
+
+uint64_t BootCounterFrequency()
+{
+    return ReadFrequency();
+}
+
 std::string FormatBootStrace(uint64_t counter, uint64_t frequency, const std::string& tag)
 {
     if (frequency == 0) {

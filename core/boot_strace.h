@@ -10,6 +10,10 @@ namespace Stavik {
 // "[<seconds>s][BOOT_TRACE][<tag>]", or "" when the counter frequency is 0.
 std::string BootStrace(const std::string& tag);
 
+// The raw counter and its frequency; reading them is safe in a signal handler.
+uint64_t BootCounter();
+uint64_t BootCounterFrequency();
+
 // The same text for a given counter reading and frequency.
 std::string FormatBootStrace(uint64_t counter, uint64_t frequency, const std::string& tag);
 

@@ -1,0 +1,165 @@
+// A child for the tests: records what it was given, then lives, exits or
+// crashes as told.
+//   probe_child [--out FILE] [--out-dir DIR] [--exit CODE] [--after-ms N]
+//               [--signal SIG] [--no-core] [--die-while FILE] [--ignore-term]
+//               [--sleep-forever]
+// The record holds one "key=value" line each: uid, gid, groups, nice, policy,
+// rtprio (the RLIMIT_RTPRIO soft limit), pid, ppid, boottime_ns (start, on
+// CLOCK_BOOTTIME), argv, and env.NAME for every variable. --out-dir writes it
+// to DIR/<pid>, so that every incarnation of a restarted service keeps its own.
+// A planned death (--exit or --signal) appends exit_boottime_ns just before it
+// happens. --die-while makes that death conditional on FILE existing at the
+// start; otherwise the child lives on. --no-core keeps a fatal signal from
+// writing a core file.
+#include <grp.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+extern char** environ;
+
+namespace {
+
+struct Plan {
+    std::string out;
+    const char* dieWhile = nullptr;
+    int exitCode = -1;
+    long afterMs = 0;
+    int signal = 0;
+    bool ignoreTerm = false;
+    bool noCore = false;
+};
+
+Plan ReadPlan(int argc, char* argv[])
+{
+    Plan plan;
+    for (int i = 1; i < argc; ++i) {
+        std::string word = argv[i];
+        bool hasValue = i + 1 < argc;
+        if (word == "--out" && hasValue) {
+            plan.out = argv[++i];
+        } else if (word == "--out-dir" && hasValue) {
+            plan.out = std::string(argv[++i]) + "/" + std::to_string(getpid());
+        } else if (word == "--die-while" && hasValue) {
+            plan.dieWhile = argv[++i];
+        } else if (word == "--no-core") {
+            plan.noCore = true;
+        } else if (word == "--exit" && hasValue) {
+            plan.exitCode = atoi(argv[++i]);
+        } else if (word == "--after-ms" && hasValue) {
+            plan.afterMs = atol(argv[++i]);
+        } else if (word == "--signal" && hasValue) {
+            plan.signal = atoi(argv[++i]);
+        } else if (word == "--ignore-term") {
+            plan.ignoreTerm = true;
+        }
+    }
+    return plan;
+}
+
+unsigned long long BootTimeNs()
+{
+    struct timespec now {};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<unsigned long long>(now.tv_sec) * 1000000000ULL + static_cast<unsigned long long>(now.tv_nsec);
+}
+
+void WriteRecord(const std::string& path, int argc, char* argv[])
+{
+    unsigned long long started = BootTimeNs();
+    std::string tmp = path + ".tmp";
+    FILE* out = fopen(tmp.c_str(), "w");
+    if (out == nullptr) {
+        return;
+    }
+    gid_t groups[256];
+    int count = getgroups(256, groups);
+    std::string groupText;
+    for (int i = 0; i < count; ++i) {
+        groupText += (i == 0 ? "" : ",") + std::to_string(groups[i]);
+    }
+    struct rlimit rt {};
+    getrlimit(RLIMIT_RTPRIO, &rt);
+    errno = 0;
+    int niceValue = getpriority(PRIO_PROCESS, 0);
+    fprintf(out, "uid=%u\ngid=%u\ngroups=%s\nnice=%d\npolicy=%d\nrtprio=%lu\npid=%d\nppid=%d\nboottime_ns=%llu\n",
+            getuid(), getgid(), groupText.c_str(), niceValue, sched_getscheduler(0),
+            static_cast<unsigned long>(rt.rlim_cur), getpid(), getppid(), started);
+    std::string args;
+    for (int i = 0; i < argc; ++i) {
+        args += (i == 0 ? "" : " ") + std::string(argv[i]);
+    }
+    fprintf(out, "argv=%s\n", args.c_str());
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        fprintf(out, "env.%s\n", *entry);
+    }
+    fclose(out);
+    // Renamed into place so that a reader never sees half a record.
+    rename(tmp.c_str(), path.c_str());
+}
+
+void NoteDeath(const std::string& path)
+{
+    FILE* out = path.empty() ? nullptr : fopen(path.c_str(), "a");
+    if (out != nullptr) {
+        fprintf(out, "exit_boottime_ns=%llu\n", BootTimeNs());
+        fclose(out);
+    }
+}
+
+void PreventCore()
+{
+    struct rlimit none {0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+    prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+}
+
+void SleepMs(long milliseconds)
+{
+    struct timespec request {milliseconds / 1000, (milliseconds % 1000) * 1000000L};
+    struct timespec remaining {};
+    while (nanosleep(&request, &remaining) == -1 && errno == EINTR) {
+        request = remaining;
+    }
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    Plan plan = ReadPlan(argc, argv);
+    if (plan.ignoreTerm) {
+        signal(SIGTERM, SIG_IGN);
+    }
+    if (!plan.out.empty()) {
+        WriteRecord(plan.out, argc, argv);
+    }
+    bool mayDie = plan.dieWhile == nullptr || access(plan.dieWhile, F_OK) == 0;
+    if (plan.afterMs > 0 && mayDie) {
+        SleepMs(plan.afterMs);
+    }
+    if (plan.signal != 0 && mayDie) {
+        if (plan.noCore) {
+            PreventCore();
+        }
+        NoteDeath(plan.out);
+        signal(plan.signal, SIG_DFL);
+        raise(plan.signal);
+    }
+    if (plan.exitCode >= 0 && mayDie) {
+        NoteDeath(plan.out);
+        return plan.exitCode;
+    }
+    while (true) {
+        pause();
+    }
+}

@@ -1,0 +1,87 @@
+// The log channel, the boot stamp and path normalisation.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include "core/boot_context.h"
+#include "core/boot_strace.h"
+#include "core/sk_log.h"
+#include "core/standardization_path.h"
+#include "core/sys_root.h"
+#include "tests/support/sandbox.h"
+
+namespace Stavik {
+namespace {
+
+TEST(BootStrace, FormatsSecondsWithTagAndIsEmptyWithoutFrequency)
+{
+    EXPECT_EQ("[3.141593s][BOOT_TRACE][SK]", FormatBootStrace(3141593, 1000000, "SK"));
+    EXPECT_EQ("[0.500000s][BOOT_TRACE][X]", FormatBootStrace(1, 2, "X")) << "the fraction must survive";
+    EXPECT_EQ("", FormatBootStrace(12345, 0, "SK"));
+    EXPECT_EQ(0u, BootStrace("SK").rfind("[", 0));
+}
+
+TEST(SkLog, QuickStartWritesOneKmsgRecordPerLineUnderTheSandboxRoot)
+{
+    ::Stavik::Test::Sandbox sandbox;
+    setenv("STAVIK_SYSROOT", sandbox.Root().c_str(), 1);
+    BootContext& context = BootContext::Instance();
+    context.selfPid_ = 4321;
+    context.isQuickStart_ = true;
+    LogCapture::Begin();
+    SK_LOG(LOG_ERR, "first %s=%d", "value", 7);
+    SK_LOG(LOG_INFO, "second");
+    context.isQuickStart_ = false;
+    SK_LOG(LOG_WARNING, "to syslog");
+    std::vector<CapturedLine> lines = LogCapture::Lines();
+    LogCapture::End();
+    unsetenv("STAVIK_SYSROOT");
+
+    EXPECT_EQ("<3> STAVIK[4321] first value=7<6> STAVIK[4321] second", sandbox.ReadFile("/dev/kmsg"));
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_TRUE(lines[0].kmsg);
+    EXPECT_FALSE(lines[2].kmsg);
+    EXPECT_EQ("to syslog", lines[2].text);
+    EXPECT_EQ(LOG_WARNING, lines[2].level);
+}
+
+TEST(SkLog, UnwritableKmsgDropsTheLineSilently)
+{
+    setenv("STAVIK_SYSROOT", "/nonexistent-stavik-root", 1);
+    BootContext::Instance().isQuickStart_ = true;
+    LogCapture::Begin();
+    SK_LOG(LOG_INFO, "lost");
+    EXPECT_TRUE(LogCapture::Lines().empty());
+    LogCapture::End();
+    BootContext::Instance().isQuickStart_ = false;
+    unsetenv("STAVIK_SYSROOT");
+}
+
+TEST(SysPath, PrefixesOnlyWhenARootIsSet)
+{
+    unsetenv("STAVIK_SYSROOT");
+    EXPECT_EQ("/etc/passwd", SysPath("/etc/passwd"));
+    setenv("STAVIK_SYSROOT", "", 1);
+    EXPECT_EQ("/etc/passwd", SysPath("/etc/passwd"));
+    setenv("STAVIK_SYSROOT", "/tmp/root/", 1);
+    EXPECT_EQ("/tmp/root/etc/passwd", SysPath("/etc/passwd"));
+    unsetenv("STAVIK_SYSROOT");
+}
+
+TEST(StandardizationPath, ResolvesExistingPathsAndRefusesTooLongOnes)
+{
+    ::Stavik::Test::Sandbox sandbox;
+    std::string file = sandbox.WriteFile("/etc/a.yaml", "");
+    std::string out = "untouched";
+    EXPECT_TRUE(StandardizationPath(sandbox.Root() + "/etc/../etc/./a.yaml", out));
+    EXPECT_EQ(file, out);
+
+    out = "untouched";
+    EXPECT_FALSE(StandardizationPath(sandbox.Root() + "/missing", out));
+    EXPECT_EQ("untouched", out);
+    std::string longPath = "/" + std::string(4096, 'a');
+    EXPECT_FALSE(StandardizationPath(longPath, out));
+    EXPECT_EQ("untouched", out);
+}
+
+} // namespace
+} // namespace Stavik
