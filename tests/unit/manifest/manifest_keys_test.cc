@@ -1,0 +1,196 @@
+#include <vector>
+
+#include "manifest_fixture.h"
+#include "parse_and_depend.h"
+
+namespace {
+
+using KeysTest = ManifestFixture;
+
+const char FULL_ENTRY[] = R"(apps:
+  - name: svc_full
+    bin_path: /usr/bin/svc_full
+    args: [--mode, fast, "010"]
+    env:
+      LANG: C
+      LEVEL: "3"
+      EMPTY:
+    cfg_path: /etc/svc/full.yaml
+    uid: 1000
+    gid: "1001"
+    restart: on-failure
+    reporting: true
+    depends: [svc_b, svc_a, svc_b]
+    startup_entry_path: /etc/svc/startup.yaml
+    startup_priority: 0
+    dynamic_para: yes
+    force_term: true
+    term_timeout_ms: 250
+    nice: -20
+    rt_prio: 50
+    rt_policy: SCHED_FIFO
+    core_affinity: [255, 1, 010]
+    delay_core_affinity: on
+    res_group: grp_res
+    cpuset: cs_a
+    blkio_group: blk_a
+    cgroup_path:
+      memory: mem_a
+      pids: pids_a
+    sharepool_groups:
+      - group: G1
+        permission: rw
+      - group: DEFAULT_MEM_GROUP
+    heartbeat:
+      enable: true
+      interval: 300
+      count: 4294967295
+    node_type: 7
+    numa_type: 2
+    process_type: 1
+    security_context: "u:r:svc:s0"
+    vf_id: -2147483648
+    vf_id_pattern: "${[0-9]*}"
+    match:
+      board: evb
+)";
+
+TEST_F(KeysTest, FullEntryFillsEveryAccessor)
+{
+    ParseAndDepend parser;
+    std::vector<ApplicationManifest> out;
+    ASSERT_EQ(parser.ParseYaml(PARAM_TYPE_APP_MANIFEST, Write("full.yaml", FULL_ENTRY), out, {{"board", "evb"}}), 0);
+    ASSERT_EQ(out.size(), 1u);
+    const ApplicationManifest& m = out[0];
+    EXPECT_EQ(m.GetAppName(), "svc_full");
+    EXPECT_EQ(m.GetBinPath(), "/usr/bin/svc_full");
+    EXPECT_EQ(m.GetArguments(), (std::vector<std::string>{"--mode", "fast", "010"}));
+    EXPECT_EQ(m.GetEnvArgv(), (std::map<std::string, std::string>{{"EMPTY", ""}, {"LANG", "C"}, {"LEVEL", "3"}}));
+    EXPECT_EQ(m.GetCfgPath(), "/etc/svc/full.yaml");
+    EXPECT_EQ(m.GetUid(), 1000u);
+    EXPECT_EQ(m.GetGid(), 1001u);
+    EXPECT_EQ(m.GetRestart(), "on-failure");
+    EXPECT_TRUE(m.GetIsReporting());
+    EXPECT_EQ(m.GetDependList(), (std::set<std::string>{"svc_a", "svc_b"}));
+    EXPECT_EQ(m.GetStartupEntryPath(), "/etc/svc/startup.yaml");
+    EXPECT_EQ(m.GetStartupPriority(), 0);
+    EXPECT_TRUE(m.GetIsDynamicPara());
+    EXPECT_TRUE(m.GetIsForceTerm());
+    EXPECT_EQ(m.GetTermTimeOut(), 250u);
+    EXPECT_EQ(m.GetNice(), -20);
+    EXPECT_EQ(m.GetSetRtPrio(), "50");
+    EXPECT_EQ(m.GetSetRtType(), "SCHED_FIFO");
+    // Numbers are decimal: a leading zero does not make 010 octal.
+    EXPECT_EQ(m.GetCoreAffinity(), (std::vector<uint32_t>{255, 1, 10}));
+    EXPECT_TRUE(m.GetIsDelayCoreAffinity());
+    EXPECT_EQ(m.GetResGroupName(), "grp_res");
+    EXPECT_EQ(m.GetCpuset(), "cs_a");
+    EXPECT_EQ(m.GetBlkioGroupName(), "blk_a");
+    EXPECT_EQ(m.GetCGroupPath(), (std::map<std::string, std::string>{{"memory", "mem_a"}, {"pids", "pids_a"}}));
+    ASSERT_EQ(m.GetSharepoolGroups().size(), 2u);
+    EXPECT_EQ(m.GetSharepoolGroups()[0].groupName, "G1");
+    EXPECT_EQ(m.GetSharepoolGroups()[0].permission, "rw");
+    EXPECT_EQ(m.GetSharepoolGroups()[1].groupName, "DEFAULT_MEM_GROUP");
+    EXPECT_EQ(m.GetSharepoolGroups()[1].permission, "");
+    EXPECT_TRUE(m.GetHeartBeatSwitch());
+    EXPECT_EQ(m.GetHeartBeatInterval(), 300u);
+    EXPECT_EQ(m.GetHeartBeatCount(), 4294967295u);
+    EXPECT_EQ(m.GetNodeType(), 7u);
+    EXPECT_EQ(m.GetNumaType(), 2u);
+    EXPECT_EQ(m.GetProcessType(), 1);
+    EXPECT_EQ(m.GetSecurityCon(), "u:r:svc:s0");
+    EXPECT_EQ(m.GetVfId(), -2147483647 - 1);
+    EXPECT_EQ(m.GetVfIdPattern(), "${[0-9]*}");
+    EXPECT_EQ(LogTexts(LOG_WARNING).size(), 0u);
+    EXPECT_EQ(LogTexts(LOG_ERR).size(), 0u);
+}
+
+TEST_F(KeysTest, MinimalAndEmptyEntriesTakeDefaults)
+{
+    // The second entry writes every key with an empty value, which keeps the default;
+    // the third has no name at all.
+    std::string text = "apps:\n  - name: svc_min\n  - name: svc_empty\n";
+    for (const char* key : {"bin_path", "args", "env", "uid", "reporting", "depends", "startup_priority",
+                            "term_timeout_ms", "core_affinity", "cgroup_path", "sharepool_groups", "heartbeat",
+                            "vf_id", "match"}) {
+        text += std::string("    ") + key + ":\n";
+    }
+    text += "  - restart: on-forever\n";
+    std::string path = Write("min.yaml", text);
+    ParseAndDepend parser;
+    std::vector<ApplicationManifest> out;
+    ASSERT_EQ(parser.ParseYaml(PARAM_TYPE_APP_MANIFEST, path, out, {}), 0);
+    ASSERT_EQ(out.size(), 3u);
+    EXPECT_EQ(out[0].GetAppName(), "svc_min");
+    EXPECT_EQ(out[1].GetAppName(), "svc_empty");
+    EXPECT_EQ(out[2].GetAppName(), "");
+    EXPECT_EQ(out[2].GetRestart(), "on-forever");
+    EXPECT_EQ(LogCount(LOG_WARNING, "manifest " + path + " line 18: entry has no name"), 1u);
+    for (size_t index = 0; index < 2; ++index) {
+        SCOPED_TRACE(out[index].GetAppName());
+        const ApplicationManifest& m = out[index];
+        EXPECT_EQ(m.GetBinPath(), "");
+        EXPECT_TRUE(m.GetArguments().empty());
+        EXPECT_TRUE(m.GetEnvArgv().empty());
+        EXPECT_EQ(m.GetCfgPath(), "");
+        EXPECT_EQ(m.GetUid(), 0u);
+        EXPECT_EQ(m.GetGid(), 0u);
+        EXPECT_EQ(m.GetRestart(), "");
+        EXPECT_FALSE(m.GetIsReporting());
+        EXPECT_TRUE(m.GetDependList().empty());
+        EXPECT_EQ(m.GetStartupEntryPath(), "");
+        EXPECT_EQ(m.GetStartupPriority(), -1);
+        EXPECT_FALSE(m.GetIsDynamicPara());
+        EXPECT_FALSE(m.GetIsForceTerm());
+        EXPECT_EQ(m.GetTermTimeOut(), 5000u);
+        EXPECT_EQ(m.GetNice(), 0);
+        EXPECT_EQ(m.GetSetRtPrio(), "");
+        EXPECT_EQ(m.GetSetRtType(), "");
+        EXPECT_TRUE(m.GetCoreAffinity().empty());
+        EXPECT_FALSE(m.GetIsDelayCoreAffinity());
+        EXPECT_EQ(m.GetResGroupName(), "");
+        EXPECT_EQ(m.GetCpuset(), "");
+        EXPECT_EQ(m.GetBlkioGroupName(), "");
+        EXPECT_TRUE(m.GetCGroupPath().empty());
+        EXPECT_TRUE(m.GetSharepoolGroups().empty());
+        EXPECT_FALSE(m.GetHeartBeatSwitch());
+        EXPECT_EQ(m.GetHeartBeatInterval(), 0u);
+        EXPECT_EQ(m.GetHeartBeatCount(), 0u);
+        EXPECT_EQ(m.GetNodeType(), 0u);
+        EXPECT_EQ(m.GetNumaType(), 0u);
+        EXPECT_EQ(m.GetProcessType(), 0);
+        EXPECT_EQ(m.GetSecurityCon(), "");
+        EXPECT_EQ(m.GetVfId(), -1);
+        EXPECT_EQ(m.GetVfIdPattern(), "");
+    }
+}
+
+TEST_F(KeysTest, UnknownAndRepeatedKeysWarnAndTheEntryStillLoads)
+{
+    std::string path = Write("extra.yaml", R"(apps:
+  - name: svc_a
+    colour: blue
+    uid: 1
+    uid: 2
+    heartbeat:
+      enable: true
+      jitter: 5
+owner: someone
+)");
+    ParseAndDepend parser;
+    std::vector<ApplicationManifest> out;
+    ASSERT_EQ(parser.ParseYaml(PARAM_TYPE_APP_MANIFEST, path, out, {}), 0);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].GetUid(), 2u);
+    EXPECT_TRUE(out[0].GetHeartBeatSwitch());
+    std::string where = "Stavik: manifest " + path;
+    EXPECT_EQ(LogTexts(LOG_WARNING),
+              (std::vector<std::string>{
+                  where + " line 9: unknown key 'owner' ignored",
+                  where + " line 3, entry 'svc_a': unknown key 'colour' ignored",
+                  where + " line 5, entry 'svc_a': key 'uid' given again, the last value is used",
+                  where + " line 8, entry 'svc_a', key 'heartbeat': unknown key 'jitter' ignored",
+              }));
+}
+
+} // namespace
