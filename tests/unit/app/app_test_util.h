@@ -1,0 +1,73 @@
+#ifndef STAVIK_TESTS_UNIT_APP_APP_TEST_UTIL_H
+#define STAVIK_TESTS_UNIT_APP_APP_TEST_UTIL_H
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "app/signals.h"
+#include "app/steady_clock.h"
+#include "core/log.h"
+#include "core/sleep.h"
+
+namespace Stavik {
+namespace AppTest {
+
+constexpr int64_t WAIT_LIMIT_MS = 10000;
+constexpr uint64_t POLL_STEP_NS = 5 * NS_PER_MS;
+
+// Polls until done() holds or the limit has passed; true when it held.
+inline bool WaitUntil(const std::function<bool()>& done, int64_t limitMs = WAIT_LIMIT_MS)
+{
+    uint64_t begin = SteadyNowNs();
+    while (!done()) {
+        if (ElapsedMs(begin, SteadyNowNs()) > limitMs) {
+            return false;
+        }
+        SleepNs(POLL_STEP_NS);
+    }
+    return true;
+}
+
+// Reaps a child of this process without blocking for longer than the limit.
+inline bool ReapWithin(pid_t pid, int* status, int64_t limitMs = WAIT_LIMIT_MS)
+{
+    return WaitUntil([pid, status] { return waitpid(pid, status, WNOHANG) == pid; }, limitMs);
+}
+
+// A process counts as gone once its status can't be read or it is a zombie.
+inline bool IsGone(pid_t pid)
+{
+    std::map<std::string, std::string> status = {{"State", ""}};
+    App::ReadProcStatus(pid, status);
+    return status["State"].empty() || status["State"][0] == 'Z';
+}
+
+// Captures log lines for the life of one test.
+class ScopedLogCapture {
+public:
+    ScopedLogCapture() { LogCapture::Begin(); }
+    ~ScopedLogCapture() { LogCapture::End(); }
+    ScopedLogCapture(const ScopedLogCapture&) = delete;
+    ScopedLogCapture& operator=(const ScopedLogCapture&) = delete;
+};
+
+// The level of the first captured line that contains text, or -1.
+inline int LevelOf(const std::string& text)
+{
+    for (const CapturedLine& line : LogCapture::Lines()) {
+        if (line.text.find(text) != std::string::npos) {
+            return line.level;
+        }
+    }
+    return -1;
+}
+
+} // namespace AppTest
+} // namespace Stavik
+
+#endif
