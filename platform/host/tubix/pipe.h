@@ -1,0 +1,98 @@
+#ifndef STAVIK_PLATFORM_HOST_TUBIX_PIPE_H
+#define STAVIK_PLATFORM_HOST_TUBIX_PIPE_H
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "tubix/call_table.h"
+#include "tubix/frame.h"
+#include "tubix/pipe_sink.h"
+
+namespace Tubix {
+
+class Listener;
+
+struct PipeEvent {
+    enum class Kind { HELLO, REQUEST, BROKEN };
+    Kind kind;
+    uint32_t id;
+    std::vector<uint8_t> payload;
+};
+
+enum class ReceiveStatus { PACKET, NOTHING, HANGUP };
+enum class CloseStart { NOW, DEFERRED, BUSY, ALREADY };
+
+// One connection: its socket, the ordered queue of what waits for delivery,
+// and the callers that wait for responses. Descriptors handed out are pipe
+// handles, never reused, so that a stale one can't reach a newer pipe.
+class Pipe {
+public:
+    // A server-side pipe names the listener that accepted it.
+    Pipe(int32_t handle, int fd, int epollFd, std::shared_ptr<PipeSink> sink, std::shared_ptr<Listener> listener);
+    ~Pipe();
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    int32_t Handle() const { return handle_; }
+    bool IsServerSide() const { return listener_ != nullptr; }
+    const Listener* Owner() const { return listener_.get(); }
+    PipeSink& Sink() const { return *sink_; }
+    CallTable& Calls() { return calls_; }
+
+    // Socket, from any thread. A send never blocks: -11 when the peer's queue is full.
+    int32_t SendFrame(FrameKind kind, uint32_t id, const void* data, uint32_t size);
+    ReceiveStatus Receive(std::vector<uint8_t>* buffer, size_t* packetSize);
+    bool Watch();
+    void CloseSocket(bool peerGone);
+    uint32_t NextRequestId();
+
+    // Reading thread only.
+    bool HelloSeen() const { return helloSeen_; }
+    void MarkHello() { helloSeen_ = true; }
+
+    // Delivery. Push answers whether the pipe must be scheduled; a pipe is
+    // scheduled at most once, which keeps its callbacks one at a time and in order.
+    bool Push(PipeEvent event);
+    bool IsPaused();
+    bool TakeNext(PipeEvent* event);
+    // After a callback: whether more waits, and whether the callback closed its own pipe.
+    bool FinishDelivery(bool* closedByCallback);
+    CloseStart BeginClose();
+
+private:
+    void SetWatched(bool watched);
+    bool PeerShutDown() const;
+
+    const int32_t handle_;
+    const int epollFd_;
+    const std::shared_ptr<PipeSink> sink_;
+    const std::shared_ptr<Listener> listener_;
+    std::atomic<uint32_t> nextId_{0};
+    bool helloSeen_ = false;
+    CallTable calls_;
+
+    // Guards the socket against being closed under a send or a receive.
+    std::mutex fdMutex_;
+    int fd_;
+    bool peerGone_ = false;
+    bool watched_ = false;
+
+    // Guards delivery; taken before fdMutex_ when both are needed.
+    std::mutex mutex_;
+    std::deque<PipeEvent> queue_;
+    bool scheduled_ = false;
+    bool running_ = false;
+    std::thread::id runner_;
+    bool closed_ = false;
+    bool deferredClose_ = false;
+    bool paused_ = false;
+};
+
+} // namespace Tubix
+
+#endif

@@ -1,0 +1,164 @@
+#include "tubix/unix_socket.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+#include "core/log.h"
+#include "tubix/sleep_util.h"
+
+namespace Tubix {
+namespace {
+
+constexpr uint32_t CONNECT_RETRY_MS = 10;
+constexpr int LISTEN_BACKLOG = 128;
+
+bool FillAddress(const std::string& path, sockaddr_un* address)
+{
+    memset(address, 0, sizeof(*address));
+    address->sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address->sun_path)) {
+        Stavik::Syslog(LOG_ERR, "Tubix: socket path %s is longer than %zu bytes", path.c_str(),
+                       sizeof(address->sun_path) - 1);
+        return false;
+    }
+    memcpy(address->sun_path, path.c_str(), path.size());
+    return true;
+}
+
+int NewSocket()
+{
+    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        Stavik::Syslog(LOG_ERR, "Tubix: socket failed, errno=%d", errno);
+    }
+    return fd;
+}
+
+// 0 or the errno of one connect attempt.
+int TryConnect(const sockaddr_un& address, int* fdOut)
+{
+    int fd = NewSocket();
+    if (fd < 0) {
+        return errno;
+    }
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        *fdOut = fd;
+        return 0;
+    }
+    int err = errno;
+    close(fd);
+    return err;
+}
+
+bool IsNotUpYet(int err)
+{
+    return err == ENOENT || err == ECONNREFUSED || err == EAGAIN;
+}
+
+// A socket file that nobody listens on is left by a dead process.
+bool IsStaleSocket(const std::string& path, const sockaddr_un& address)
+{
+    struct stat info;
+    if (lstat(path.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode)) {
+        return false;
+    }
+    int fd = -1;
+    int err = TryConnect(address, &fd);
+    if (err == 0) {
+        close(fd);
+    }
+    return err == ECONNREFUSED;
+}
+
+int BindAndListen(int fd, const std::string& path, const sockaddr_un& address)
+{
+    int rc = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    if (rc != 0 && errno == EADDRINUSE && IsStaleSocket(path, address)) {
+        unlink(path.c_str());
+        rc = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    }
+    if (rc != 0) {
+        int err = errno;
+        Stavik::Syslog(LOG_ERR, "Tubix: cannot serve at %s, errno=%d", path.c_str(), err);
+        return -err;
+    }
+    // Clients of every user may connect; the directory decides who can see it.
+    if (chmod(path.c_str(), 0666) != 0) {
+        Stavik::Syslog(LOG_WARNING, "Tubix: chmod %s failed, errno=%d", path.c_str(), errno);
+    }
+    if (listen(fd, LISTEN_BACKLOG) != 0) {
+        int err = errno;
+        Stavik::Syslog(LOG_ERR, "Tubix: listen at %s failed, errno=%d", path.c_str(), err);
+        unlink(path.c_str());
+        return -err;
+    }
+    return 0;
+}
+
+} // namespace
+
+int ConnectService(const std::string& path, int32_t timeoutMs, bool retry)
+{
+    sockaddr_un address;
+    if (!FillAddress(path, &address)) {
+        return -ENAMETOOLONG;
+    }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (true) {
+        int fd = -1;
+        int err = TryConnect(address, &fd);
+        if (err == 0) {
+            return fd;
+        }
+        if (!IsNotUpYet(err)) {
+            Stavik::Syslog(LOG_ERR, "Tubix: connect to %s failed, errno=%d", path.c_str(), err);
+            return -err;
+        }
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (!retry || left.count() <= 0) {
+            return -EAGAIN;
+        }
+        SleepMs(static_cast<uint32_t>(std::min<int64_t>(left.count(), CONNECT_RETRY_MS)));
+    }
+}
+
+int ListenService(const std::string& path, ino_t* inode)
+{
+    sockaddr_un address;
+    if (!FillAddress(path, &address)) {
+        return -ENAMETOOLONG;
+    }
+    int fd = NewSocket();
+    if (fd < 0) {
+        return -errno;
+    }
+    int rc = BindAndListen(fd, path, address);
+    struct stat info;
+    if (rc == 0 && lstat(path.c_str(), &info) != 0) {
+        rc = -errno;
+        Stavik::Syslog(LOG_ERR, "Tubix: socket %s vanished, errno=%d", path.c_str(), -rc);
+    }
+    if (rc != 0) {
+        close(fd);
+        return rc;
+    }
+    *inode = info.st_ino;
+    return fd;
+}
+
+void UnlinkOwnSocket(const std::string& path, ino_t inode)
+{
+    struct stat info;
+    if (lstat(path.c_str(), &info) == 0 && info.st_ino == inode) {
+        unlink(path.c_str());
+    }
+}
+
+} // namespace Tubix

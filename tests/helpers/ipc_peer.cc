@@ -1,0 +1,240 @@
+// The other process of the IPC tests. TUBIX_DIR and PROC_NAME come from the test.
+//   ipc_peer server                  serves as $PROC_NAME until killed
+//   ipc_peer client SERVICE COUNT    sends COUNT sequence messages, then exits
+//   ipc_peer resource-client RES N   opens resource RES, checks N ioctls, closes
+// The server reads each request's payload:
+//   'S' + u32 seq + filler   a sequence message, checked for order and content
+//   "report"                 answered with "count=C bad=B held=H" of this connection
+//   "hold"                   kept unanswered until a "flush"
+//   "flush"                  answered "flushed", then every held request, newest first
+//   "push N"                 sends N sequence messages back on the connection
+//   "close"                  closes the connection from inside its own callback
+//   "stall"                  blocks the connection's callbacks for good
+//   anything else            echoed
+// A disconnected client is closed. Exit status 0 means every check held.
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "client/zul_resource_client.h"
+#include "tubix.h"
+
+namespace {
+
+constexpr uint32_t SEQ_FILLER_SPREAD = 97;
+constexpr int SEND_ATTEMPTS = 20000;
+
+void SleepMs(long ms)
+{
+    struct timespec left = {ms / 1000, (ms % 1000) * 1000000L};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+std::vector<uint8_t> SeqMessage(uint32_t seq)
+{
+    std::vector<uint8_t> message(5 + seq % SEQ_FILLER_SPREAD, static_cast<uint8_t>(seq));
+    message[0] = 'S';
+    memcpy(&message[1], &seq, sizeof(seq));
+    return message;
+}
+
+// Sends a request, waiting out a full socket.
+int32_t SendPatiently(int32_t fd, const void* data, uint32_t size)
+{
+    int32_t rc = -EAGAIN;
+    for (int attempt = 0; attempt < SEND_ATTEMPTS && rc == -EAGAIN; ++attempt) {
+        rc = TubixSendRequest(fd, TubixRequest{0, data, size});
+        if (rc == -EAGAIN) {
+            SleepMs(1);
+        }
+    }
+    return rc;
+}
+
+void Respond(int32_t fd, uint32_t id, const std::string& text)
+{
+    std::string copy = text;
+    TubixSendResponse(fd, TubixResponse{id, &copy[0], static_cast<uint32_t>(copy.size())});
+}
+
+struct Held {
+    uint32_t id;
+    std::string payload;
+};
+
+struct ConnectionStats {
+    uint32_t count = 0;
+    uint32_t bad = 0;
+};
+
+struct ServerState {
+    std::mutex mutex;
+    std::map<int32_t, ConnectionStats> stats;
+    std::vector<Held> held;
+};
+
+ServerState& State()
+{
+    static ServerState state;
+    return state;
+}
+
+void CheckSequence(int32_t fd, const TubixRequest* req)
+{
+    const uint8_t* data = static_cast<const uint8_t*>(req->data);
+    uint32_t seq = 0;
+    memcpy(&seq, data + 1, sizeof(seq));
+    std::lock_guard<std::mutex> guard(State().mutex);
+    ConnectionStats& stats = State().stats[fd];
+    std::vector<uint8_t> expected = SeqMessage(stats.count);
+    if (seq != stats.count || req->size != expected.size() || memcmp(data, expected.data(), req->size) != 0) {
+        ++stats.bad;
+    }
+    ++stats.count;
+}
+
+void Flush(int32_t fd, uint32_t id)
+{
+    std::vector<Held> held;
+    {
+        std::lock_guard<std::mutex> guard(State().mutex);
+        held.swap(State().held);
+    }
+    Respond(fd, id, "flushed");
+    for (auto it = held.rbegin(); it != held.rend(); ++it) {
+        Respond(fd, it->id, it->payload);
+    }
+}
+
+void Push(int32_t fd, uint32_t count)
+{
+    for (uint32_t seq = 0; seq < count; ++seq) {
+        std::vector<uint8_t> message = SeqMessage(seq);
+        if (SendPatiently(fd, message.data(), static_cast<uint32_t>(message.size())) != 0) {
+            return;
+        }
+    }
+}
+
+std::string Report(int32_t fd)
+{
+    std::lock_guard<std::mutex> guard(State().mutex);
+    const ConnectionStats& stats = State().stats[fd];
+    return "count=" + std::to_string(stats.count) + " bad=" + std::to_string(stats.bad) +
+           " held=" + std::to_string(State().held.size());
+}
+
+void ServeRequest(int32_t fd, const TubixRequest* req)
+{
+    if (req == nullptr) {
+        TubixClosePipe(fd);
+        return;
+    }
+    std::string text(static_cast<const char*>(req->data), req->size);
+    if (req->size >= 5 && text[0] == 'S') {
+        CheckSequence(fd, req);
+    } else if (text == "report") {
+        Respond(fd, req->id, Report(fd));
+    } else if (text == "hold") {
+        std::lock_guard<std::mutex> guard(State().mutex);
+        State().held.push_back(Held{req->id, text});
+    } else if (text == "flush") {
+        Flush(fd, req->id);
+    } else if (text.compare(0, 5, "push ") == 0) {
+        Push(fd, static_cast<uint32_t>(strtoul(text.c_str() + 5, nullptr, 10)));
+    } else if (text == "close") {
+        if (TubixClosePipe(fd) != 0) {
+            _exit(3);
+        }
+    } else if (text == "stall") {
+        while (true) {
+            SleepMs(1000);
+        }
+    } else {
+        TubixSendResponse(fd, TubixResponse{req->id, const_cast<void*>(req->data), req->size});
+    }
+}
+
+int RunServer()
+{
+    TubixServerParam param{nullptr, ServeRequest, 1000, 1, 0};
+    if (TubixCreateServer(&param) != 0) {
+        return 2;
+    }
+    while (true) {
+        pause();
+    }
+}
+
+int RunClient(const char* service, uint32_t count)
+{
+    TubixOpenParam param{};
+    param.procName = service;
+    param.handler = [](int32_t, const TubixRequest*) {};
+    param.priority = -1;
+    param.msgMode = 1;
+    param.retryOnMissing = 1;
+    param.timeoutMs = -1;
+    int32_t fd = TubixOpen(&param);
+    if (fd <= 0) {
+        return 2;
+    }
+    for (uint32_t seq = 0; seq < count; ++seq) {
+        std::vector<uint8_t> message = SeqMessage(seq);
+        if (SendPatiently(fd, message.data(), static_cast<uint32_t>(message.size())) != 0) {
+            return 3;
+        }
+    }
+    return TubixClosePipe(fd) == 0 ? 0 : 4;
+}
+
+// The test's resource adds cmd to every word of the record and returns cmd * 10 + 1.
+int RunResourceClient(const char* resName, uint32_t count)
+{
+    Stavik::ZulResourceClient client;
+    if (client.Open(resName, 5000) != 0) {
+        return 2;
+    }
+    for (uint32_t cmd = 1; cmd <= count; ++cmd) {
+        uint32_t record[16];
+        for (uint32_t i = 0; i < 16; ++i) {
+            record[i] = i;
+        }
+        int32_t result = 0;
+        if (client.Ioctl(cmd, record, sizeof(record), &result, 5000) != 0) {
+            return 3;
+        }
+        if (result != static_cast<int32_t>(cmd * 10 + 1) || record[0] != cmd || record[15] != 15 + cmd) {
+            return 4;
+        }
+    }
+    return client.Close() == 0 ? 0 : 5;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "server") {
+        return RunServer();
+    }
+    if (mode == "client" && argc == 4) {
+        return RunClient(argv[2], static_cast<uint32_t>(strtoul(argv[3], nullptr, 10)));
+    }
+    if (mode == "resource-client" && argc == 4) {
+        return RunResourceClient(argv[2], static_cast<uint32_t>(strtoul(argv[3], nullptr, 10)));
+    }
+    fprintf(stderr, "usage: ipc_peer server | client SERVICE COUNT | resource-client RES COUNT\n");
+    return 1;
+}

@@ -1,0 +1,151 @@
+// A resource published by this process and used from this and other processes.
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "client/zul_resource_client.h"
+#include "ipc_test_env.h"
+#include "zul.h"
+
+namespace IpcTest {
+namespace {
+
+constexpr const char* RES_NAME = "/res/stavik/test_res";
+
+struct ResourceRecord {
+    std::atomic<int> opens{0};
+    std::atomic<int> closes{0};
+    std::mutex mutex;
+    std::string lastClient;
+};
+
+ResourceRecord& Record()
+{
+    static ResourceRecord record;
+    return record;
+}
+
+int32_t OpenEntry(ZulFile* file)
+{
+    if (strcmp(file->clientName, "intruder") == 0) {
+        return -1;
+    }
+    std::lock_guard<std::mutex> guard(Record().mutex);
+    Record().lastClient = file->clientName;
+    ++Record().opens;
+    return 0;
+}
+
+int32_t CloseEntry(ZulFile*)
+{
+    ++Record().closes;
+    return 0;
+}
+
+// Adds cmd to every word of the record.
+int32_t IoctlEntry(ZulFile*, uint32_t cmd, ZulIoctlArg* arg)
+{
+    uint32_t* words = static_cast<uint32_t*>(arg->data);
+    for (uint64_t i = 0; i < arg->size / sizeof(uint32_t); ++i) {
+        words[i] += cmd;
+    }
+    return static_cast<int32_t>(cmd * 10 + 1);
+}
+
+bool Exists(const std::string& path)
+{
+    struct stat info;
+    return stat(path.c_str(), &info) == 0;
+}
+
+class ZulResourceTest : public TubixDirTest {
+protected:
+    void SetUp() override
+    {
+        TubixDirTest::SetUp();
+        Record().opens = 0;
+        Record().closes = 0;
+        ZulServiceParam param{RES_NAME, &ops_, 5000};
+        ASSERT_EQ(ZULRegisterService(&param), 0);
+    }
+
+    void TearDown() override
+    {
+        ZULRetrieveService();
+        TubixDirTest::TearDown();
+    }
+
+    ZulServiceOps ops_{nullptr, nullptr, IoctlEntry, OpenEntry, CloseEntry, nullptr};
+};
+
+TEST_F(ZulResourceTest, OtherProcessesOpenIoctlAndClose)
+{
+    EXPECT_TRUE(Exists(dir_ + "/res/res/stavik/test_res"));
+    ZulServiceParam again{RES_NAME, &ops_, 5000};
+    EXPECT_EQ(ZULRegisterService(&again), -17);
+
+    Peer client("rc", {"resource-client", RES_NAME, "3"});
+    EXPECT_EQ(client.Wait(20000), 0);
+    EXPECT_TRUE(WaitUntil([] { return Record().closes == 1; }));
+    EXPECT_EQ(Record().opens, 1);
+    {
+        std::lock_guard<std::mutex> guard(Record().mutex);
+        EXPECT_EQ(Record().lastClient, "rc");
+    }
+
+    Peer intruder("intruder", {"resource-client", RES_NAME, "1"});
+    EXPECT_EQ(intruder.Wait(20000), 3);
+    EXPECT_EQ(Record().opens, 1);
+    EXPECT_EQ(Record().closes, 1);
+}
+
+TEST_F(ZulResourceTest, LargeRecordsShortRequestsAndWithdrawal)
+{
+    Stavik::ZulResourceClient client;
+    ASSERT_EQ(client.Open(RES_NAME, 5000), 0);
+    std::vector<uint32_t> record(36920 / 4, 7);
+    int32_t result = 0;
+    ASSERT_EQ(client.Ioctl(4, record.data(), 36920, &result, 10000), 0);
+    EXPECT_EQ(result, 41);
+    EXPECT_EQ(record.front(), 11u);
+    EXPECT_EQ(record.back(), 11u);
+
+    int32_t raw = OpenService(std::string("res") + RES_NAME, [](int32_t, const TubixRequest*) {});
+    ASSERT_GT(raw, 0);
+    uint8_t answer[16] = {};
+    uint32_t shortRequest = 4;
+    TubixRequest req{0, &shortRequest, sizeof(shortRequest)};
+    TubixResponse resp{0, answer, sizeof(answer)};
+    ASSERT_EQ(TubixTimedRPCSync(raw, &req, &resp, 10000), 0);
+    ASSERT_EQ(resp.size, 8u);
+    int32_t refused = 0;
+    memcpy(&refused, answer, sizeof(refused));
+    EXPECT_EQ(refused, -22);
+    EXPECT_TRUE(WaitUntil([] { return Record().opens == 2; }));
+
+    EXPECT_EQ(ZULRetrieveService(), 0);
+    EXPECT_FALSE(Exists(dir_ + "/res/res/stavik/test_res"));
+    EXPECT_EQ(Record().closes, 2);
+    EXPECT_LT(client.Ioctl(1, record.data(), 4, &result, 10000), 0);
+    EXPECT_EQ(client.Close(), 0);
+    EXPECT_TRUE(WaitUntil([&] { return TubixClosePipe(raw) == 0; }));
+
+    Stavik::ZulResourceClient late;
+    EXPECT_EQ(late.Open(RES_NAME, 100), -11);
+}
+
+TEST(ZulInitProcTest, NamesTheProcessAfterTheApplication)
+{
+    EXPECT_EQ(ZULInitProc(AppConfig{"svc_a", "/usr/bin/svc_a"}), 0);
+    EXPECT_STREQ(getenv("PROC_NAME"), "svc_a");
+    errno = 0;
+    EXPECT_EQ(ZULInitProc(AppConfig{"", "/usr/bin/x"}), -1);
+    EXPECT_EQ(errno, EINVAL);
+    unsetenv("PROC_NAME");
+}
+
+} // namespace
+} // namespace IpcTest
