@@ -1,0 +1,57 @@
+#ifndef STAVIK_CHANNEL_MASTER_H
+#define STAVIK_CHANNEL_MASTER_H
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "channel/message.h"
+#include "tubix.h"
+
+namespace Stavik {
+
+// Receives the records of one owner pipe, with the owner's name bound to it.
+using OwnerRequestHandler = std::function<void(int32_t fd, const TubixRequest* req, std::string owner)>;
+
+// The transport half of the control channel: one pipe per owner service,
+// opened by the daemon after it started the service.
+class Master {
+public:
+    Master();
+    ~Master();
+    Master(const Master&) = delete;
+    Master& operator=(const Master&) = delete;
+
+    // Opens the pipe to targetProcName and binds the handler with that name.
+    bool RegServiceCallBack(const std::string& targetProcName, uint32_t gid, const OwnerRequestHandler& handler);
+    template <typename Owner>
+    bool RegServiceCallBack(const std::string& targetProcName, uint32_t gid,
+                            void (Owner::*member)(int32_t, const TubixRequest*, std::string), Owner* object)
+    {
+        return RegServiceCallBack(targetProcName, gid,
+                                  [member, object](int32_t fd, const TubixRequest* req, std::string owner) {
+                                      (object->*member)(fd, req, std::move(owner));
+                                  });
+    }
+    void UnRegServiceCallBack(const std::string& proName);
+    // The owner's descriptor, or -1; never adds an entry.
+    int32_t GetOwnerFd(const std::string& owner);
+    // Sends the records in order; stops at the first failure.
+    bool SendRequestMsg(int32_t fd, const std::vector<Message::RequestMsg>& requestMsgs);
+
+private:
+    void WriteLock();
+    void ReadLock();
+    void Unlock();
+
+    std::unordered_map<std::string, int32_t> ownerFds_;
+    pthread_rwlock_t ownerFdLock_;
+};
+
+} // namespace Stavik
+
+#endif

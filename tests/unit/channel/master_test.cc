@@ -1,0 +1,175 @@
+// The owner-pipe table against a real IPC server living in this test process.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "channel/master.h"
+#include "core/log.h"
+#include "tests/support/daemon_process.h"
+#include "tests/support/sandbox.h"
+
+namespace Stavik {
+namespace {
+
+const char* const OWNER = "owner_svc";
+
+struct ServerSide {
+    std::mutex mutex;
+    std::vector<Message::RequestMsg> records;
+    std::vector<int32_t> fds;
+};
+
+ServerSide& Server()
+{
+    static ServerSide server;
+    return server;
+}
+
+void OnConnect(int32_t fd, const char*, uint32_t)
+{
+    std::lock_guard<std::mutex> guard(Server().mutex);
+    Server().fds.push_back(fd);
+}
+
+void OnRequest(int32_t, const TubixRequest* req)
+{
+    if (req == nullptr || req->size != sizeof(Message::RequestMsg)) {
+        return;
+    }
+    Message::RequestMsg msg;
+    memcpy(&msg, req->data, sizeof(msg));
+    std::lock_guard<std::mutex> guard(Server().mutex);
+    Server().records.push_back(msg);
+}
+
+class MasterTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        sandbox_ = new ::Stavik::Test::Sandbox();
+        setenv("TUBIX_DIR", sandbox_->TubixDir().c_str(), 1);
+        setenv("PROC_NAME", OWNER, 1);
+        setenv("TUBIX_OPEN_TIMEOUT_MS", "200", 1);
+        TubixServerParam param{};
+        param.connectCallback = OnConnect;
+        param.requestCallback = OnRequest;
+        param.maxConnections = 0;
+        param.threadNum = 1;
+        ASSERT_EQ(0, TubixCreateServer(&param));
+    }
+    static void TearDownTestSuite()
+    {
+        delete sandbox_;
+    }
+    void SetUp() override
+    {
+        LogCapture::Begin();
+    }
+    void TearDown() override
+    {
+        LogCapture::End();
+    }
+
+    static ::Stavik::Test::Sandbox* sandbox_;
+};
+
+::Stavik::Test::Sandbox* MasterTest::sandbox_ = nullptr;
+
+Message::RequestMsg Record(uint32_t type, const std::string& body)
+{
+    Message::RequestMsg msg{};
+    msg.type = type;
+    msg.size = body.size();
+    memcpy(msg.data, body.data(), body.size());
+    return msg;
+}
+
+TEST_F(MasterTest, OpenOfAMissingServiceIsRepeatedOnceAndLeavesMinusOne)
+{
+    Master master;
+    EXPECT_FALSE(master.RegServiceCallBack("nobody_listens", 7, [](int32_t, const TubixRequest*, std::string) {}));
+    EXPECT_EQ(1u, LogCapture::Count("STAVIK : TubixOpen failed, try again"));
+    EXPECT_TRUE(LogCapture::Contains("STAVIK : RegServiceCallBack failed!! ret=-11, errno="));
+    EXPECT_EQ(-1, master.GetOwnerFd("nobody_listens"));
+    EXPECT_EQ(-1, master.GetOwnerFd("never_registered"));
+
+    EXPECT_FALSE(master.RegServiceCallBack("", 0, [](int32_t, const TubixRequest*, std::string) {}));
+    EXPECT_TRUE(LogCapture::Contains("STAVIK : RegServiceCallBack failed: procName is null"));
+}
+
+TEST_F(MasterTest, RecordsTravelBothWaysWithTheOwnerNameBound)
+{
+    Master master;
+    std::mutex mutex;
+    std::vector<std::string> owners;
+    ASSERT_TRUE(master.RegServiceCallBack(OWNER, 0, [&](int32_t, const TubixRequest* req, std::string owner) {
+        if (req != nullptr) {
+            std::lock_guard<std::mutex> guard(mutex);
+            owners.push_back(owner);
+        }
+    }));
+    int32_t fd = master.GetOwnerFd(OWNER);
+    ASSERT_GT(fd, 0);
+    EXPECT_TRUE(LogCapture::Contains("********* STAVIK : RegServiceCallBack success fd=" + std::to_string(fd) +
+                                     ", targetProcName=" + OWNER));
+
+    size_t before = 0;
+    {
+        std::lock_guard<std::mutex> guard(Server().mutex);
+        before = Server().records.size();
+    }
+    std::vector<Message::RequestMsg> records{Record(4, "1#a#"), Record(4, "1#b#"), Record(10, "")};
+    ASSERT_TRUE(master.SendRequestMsg(fd, records));
+    ASSERT_TRUE(::Stavik::Test::WaitUntil([&] {
+        std::lock_guard<std::mutex> guard(Server().mutex);
+        return Server().records.size() == before + 3;
+    }));
+    {
+        std::lock_guard<std::mutex> guard(Server().mutex);
+        EXPECT_EQ(std::string("1#a#"), std::string(Server().records[before].data, 4));
+        EXPECT_EQ(std::string("1#b#"), std::string(Server().records[before + 1].data, 4));
+        EXPECT_EQ(10u, Server().records[before + 2].type);
+    }
+
+    int32_t serverFd = 0;
+    {
+        std::lock_guard<std::mutex> guard(Server().mutex);
+        serverFd = Server().fds.back();
+    }
+    Message::RequestMsg report = Record(3, "1#2#");
+    ASSERT_EQ(0, TubixSendRequest(serverFd, TubixRequest{0, &report, sizeof(report)}));
+    ASSERT_TRUE(::Stavik::Test::WaitUntil([&] {
+        std::lock_guard<std::mutex> guard(mutex);
+        return !owners.empty();
+    }));
+    std::lock_guard<std::mutex> guard(mutex);
+    EXPECT_EQ(OWNER, owners.front());
+}
+
+TEST_F(MasterTest, ClosedPipeFailsTheFirstRecordAndStops)
+{
+    Master master;
+    ASSERT_TRUE(master.RegServiceCallBack(OWNER, 0, [](int32_t, const TubixRequest*, std::string) {}));
+    int32_t fd = master.GetOwnerFd(OWNER);
+    master.UnRegServiceCallBack(OWNER);
+    EXPECT_TRUE(LogCapture::Contains("STAVIK : Master UnRegServiceCallBack success proName: " + std::string(OWNER) +
+                                     " fd: " + std::to_string(fd)));
+    EXPECT_EQ(-1, master.GetOwnerFd(OWNER));
+
+    std::vector<Message::RequestMsg> records(3, Record(4, "0#"));
+    EXPECT_FALSE(master.SendRequestMsg(fd, records));
+    EXPECT_EQ(1u, LogCapture::Count("STAVIK : Master SendRequestMsg failed, err code="));
+
+    EXPECT_FALSE(master.SendRequestMsg(fd, {}));
+    EXPECT_TRUE(LogCapture::Contains("STAVIK : Master SendRequestMsg failed: RequestPieceMsg is empty"));
+
+    master.UnRegServiceCallBack("never_registered");
+    EXPECT_TRUE(LogCapture::Contains("STAVIK : Master UnRegServiceCallBack failed: TubixClosePipe failed err code: "));
+}
+
+} // namespace
+} // namespace Stavik
