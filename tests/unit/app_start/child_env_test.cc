@@ -1,0 +1,125 @@
+// The environment a started child sees, for both kinds of record.
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include "app/app_info.h"
+#include "app/home_env.h"
+#include "tests/support/sandbox.h"
+#include "tests/unit/app_start/child_probe.h"
+
+extern char** environ;
+
+namespace Stavik {
+namespace App {
+namespace {
+
+namespace Support = Stavik::Test;
+using EnvMap = std::map<std::string, std::string>;
+
+const char HOME[] = "/home/probe";
+
+ManifestData Manifest(bool heartBeat, uint32_t interval, uint32_t count, EnvMap env = {})
+{
+    ManifestData data;
+    data.appName = "envprobe";
+    data.heartBeatSwitch = heartBeat;
+    data.heartBeatInterval = interval;
+    data.heartBeatCount = count;
+    data.env = std::move(env);
+    return data;
+}
+
+// The test's own environment, with PROC_NAME and the expected variables laid over it.
+EnvMap Expected(const EnvMap& added)
+{
+    EnvMap expected;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        std::string text = *entry;
+        expected["env." + text.substr(0, text.find('='))] = text.substr(text.find('=') + 1);
+    }
+    expected["env.PROC_NAME"] = "envprobe";
+    for (const auto& entry : added) {
+        expected["env." + entry.first] = entry.second;
+    }
+    return expected;
+}
+
+class ChildEnvTest : public ::testing::Test {
+protected:
+    void SetUp() override { DaemonHomeEnv() = HOME; }
+    void TearDown() override { DaemonHomeEnv().clear(); }
+
+    // Starts the record on the probe, which writes its record and exits 0,
+    // and returns the environment the child saw.
+    template <class Record>
+    EnvMap EnvOfChild(Record&& app)
+    {
+        std::string out = sandbox_.Path("/record" + std::to_string(++runs_));
+        app.execPath_ = Support::BuiltProgram("tests/probe_child");
+        app.arguments_ = {"--out", out, "--exit", "0"};
+        EXPECT_TRUE(app.StartProcess());
+        EXPECT_EQ(Support::ReapChild(app.pid_), W_EXITCODE(0, 0));
+        EXPECT_EQ(pipe_.ReadAll(), "");
+        EnvMap env;
+        for (const auto& entry : Support::ReadProbeRecord(out)) {
+            if (entry.first.compare(0, 4, "env.") == 0) {
+                env.insert(entry);
+            }
+        }
+        return env;
+    }
+
+    GeneralAppInfo General(const ManifestData& data, const std::string& owner = "ownerX")
+    {
+        return GeneralAppInfo(data.appName, ApplicationManifest(data), owner);
+    }
+
+    Support::Sandbox sandbox_;
+    Support::ChildMsgPipe pipe_;
+    int runs_ = 0;
+};
+
+TEST_F(ChildEnvTest, GeneralChildGetsPlaneHomeOwnerAndClampedHeartBeat)
+{
+    const EnvMap manage = {{"PROC_PLANE", "PLANE_MANAGE"}, {"HOME", HOME}, {"OWNER_NAME", "ownerX"}};
+    auto with = [&manage](EnvMap added) {
+        added.insert(manage.begin(), manage.end());
+        return Expected(added);
+    };
+    // Shell text in the environment is no reason to refuse a start.
+    EXPECT_EQ(EnvOfChild(General(Manifest(true, 50, 1, {{"A", "a && b; $(c)"}}), "brellan")),
+              Expected({{"PROC_PLANE", "PLANE_DATA"}, {"HOME", HOME}, {"A", "a && b; $(c)"}, {"OWNER_NAME", "brellan"},
+                        {"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "100"}, {"GRP_HB_COUNT", "3"}}));
+    // The manifest may override HOME.
+    EXPECT_EQ(EnvOfChild(General(Manifest(true, 150, 1001, {{"HOME", "/manifest"}}))),
+              Expected({{"PROC_PLANE", "PLANE_MANAGE"}, {"HOME", "/manifest"}, {"OWNER_NAME", "ownerX"},
+                        {"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "100"}, {"GRP_HB_COUNT", "1000"}}));
+    EXPECT_EQ(EnvOfChild(General(Manifest(true, 250, 0))), with({{"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "200"}}));
+    EXPECT_EQ(EnvOfChild(General(Manifest(true, 70000, 0))), with({{"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "60000"}}));
+    EXPECT_EQ(EnvOfChild(General(Manifest(true, 0, 5))), with({{"GRP_HB", "1"}, {"GRP_HB_COUNT", "5"}}));
+    EXPECT_EQ(EnvOfChild(General(Manifest(false, 250, 10))), with({}));
+    EXPECT_EQ(EnvOfChild(General(Manifest(false, 0, 0, {{"LD_PRELOAD", "libasan.so.5"}}))),
+              with({{"LD_PRELOAD", "libasan.so.4:libzul.so.1"}}));
+    EXPECT_EQ(EnvOfChild(General(Manifest(false, 0, 0, {{"LD_PRELOAD", "libnone.so"}}))),
+              with({{"LD_PRELOAD", "libnone.so"}}));
+}
+
+TEST_F(ChildEnvTest, BaseChildGetsDaemonHomeRestartMarkAndEntryPath)
+{
+    ManifestData data = Manifest(true, 100, 3, {{"HOME", "/manifest"}, {"B", "2"}});
+    data.startupEntryPath = "/etc/entry.yaml";
+    EXPECT_EQ(EnvOfChild(BaseAppInfo{ApplicationManifest(data)}),
+              Expected({{"HOME", HOME}, {"B", "2"}, {"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "100"},
+                        {"GRP_HB_COUNT", "3"}, {"IS_RESTART", "0"}, {"STARTUP_ENTRY_PATH", "/etc/entry.yaml"}}));
+
+    BaseAppInfo restarted{ApplicationManifest(Manifest(false, 0, 0))};
+    restarted.reportState_ = TERMINATED_ABNORMAL_EXIT;
+    restarted.homeEnv_.clear();
+    EXPECT_EQ(EnvOfChild(restarted), Expected({{"HOME", ""}, {"IS_RESTART", "1"}}));
+    EXPECT_EQ(restarted.state_, STARTING);
+}
+
+} // namespace
+} // namespace App
+} // namespace Stavik
