@@ -1,0 +1,55 @@
+#ifndef STAVIK_CORE_BOOT_CONTEXT_H
+#define STAVIK_CORE_BOOT_CONTEXT_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace Stavik {
+
+// Optional base services: a feature key of the kernel command line and the
+// file name whose presence in an entry's configuration path ties the entry to it.
+extern const std::map<std::string, std::string> ENABLE_TABLE;
+
+// Process-wide facts of the boot: the log channel, the daemon's pid, the
+// anonymous pipe through which children send their error text, and the
+// optional features asked for on the kernel command line.
+class BootContext {
+public:
+    static BootContext& Instance();
+
+    // Pid, then the anonymous pipe; later boot inputs join here.
+    void Init();
+    // One blocking read of the anonymous pipe into the log.
+    void ReceiveChildProcessMsg();
+    // Wakes a reader blocked in ReceiveChildProcessMsg, so that a stop can finish.
+    void WakeChildMsgReader();
+    // Closes both pipe ends, each only if open.
+    void ClosePipes();
+    // Whether a base manifest entry with this configuration path is started:
+    // always, unless the path names a file of the enable table whose feature
+    // is missing from the command line.
+    bool IsEnableByCmdline(const std::string& cfgPath);
+    // Logs each feature named on the command line that no entry claimed.
+    void CheckEnableFeatures();
+
+    int32_t selfPid_ = -1;
+    bool isQuickStart_ = false;
+    int childMsgPipe_[2] = {-1, -1};
+    // Features of the enable table named on the command line, each with 1 once
+    // a manifest entry claimed it. Only the command-line reader adds entries.
+    std::map<std::string, uint8_t> enableFeatures_;
+
+private:
+    BootContext() = default;
+    BootContext(const BootContext&) = delete;
+    BootContext& operator=(const BootContext&) = delete;
+
+    void CreateChildMsgPipe();
+
+    int wakeFd_ = -1;
+};
+
+} // namespace Stavik
+
+#endif

@@ -1,0 +1,167 @@
+#include "core/stavik_daemon.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <exception>
+
+#include "app/home_env.h"
+#include "core/boot_context.h"
+#include "core/boot_strace.h"
+#include "core/constants.h"
+#include "core/continue_signal.h"
+#include "core/sk_log.h"
+#include "core/sleep.h"
+#include "core/sys_root.h"
+
+namespace Stavik {
+
+std::vector<App::BaseAppInfo> executedBaseApp_;
+std::mutex baseAppMutex_;
+GeneralAppMap generalAppMap_;
+std::mutex generalAppMutex_;
+std::vector<ApplicationManifest> baseManifests_;
+
+namespace {
+
+const std::string NOTIFY_DONE_FILE = "/sys/fs/cgroup/notify_sk_done";
+const std::string PASSWD_FILE = "/etc/passwd";
+// The line of the default user and group, whose home children get as HOME.
+const std::string DEFAULT_USER_KEY = "1000:1000";
+const uint32_t CONTINUE_WAIT_TURNS = 2000;
+const uint32_t CONTINUE_FILE_EVERY = 20;
+const uint64_t CONTINUE_SLEEP_NS = 5 * NS_PER_MS;
+
+void JoinIfStarted(std::thread& thread)
+{
+    if (thread.joinable()) {
+        thread.join();
+    }
+}
+
+} // namespace
+
+StavikDaemon::StavikDaemon(std::string baseServiceCfgPath) : baseServiceCfgPath_(std::move(baseServiceCfgPath)) {}
+
+bool StavikDaemon::Init()
+{
+    BootContext::Instance().Init();
+    App::InquireHomeEnvVariable(PASSWD_FILE, DEFAULT_USER_KEY);
+    SK_LOG(LOG_INFO, "%s, init success", BootStrace(SK_TAG).c_str());
+    return true;
+}
+
+void StavikDaemon::Run()
+{
+    checkThread_ = std::thread(&StavikDaemon::CheckThread, this);
+    waitThread_ = std::thread(&StavikDaemon::WaitThread, this);
+    WaitContinueSignal();
+    ContinueStavikInit();
+    receiveChildMsgThread_ = std::thread(&StavikDaemon::ReceiveChildProcessMsgThread, this);
+    InitBaseApplication(baseServiceCfgPath_);
+    Join();
+}
+
+void StavikDaemon::ContinueSignalHandler(int)
+{
+    NoteContinueSignal();
+}
+
+void StavikDaemon::WaitContinueSignal()
+{
+    BootContext& context = BootContext::Instance();
+    if (!context.isQuickStart_) {
+        SK_LOG(LOG_INFO, "is not quickstart, so not wait for continue signal");
+        return;
+    }
+    const std::string markerFile = SysPath(NOTIFY_DONE_FILE);
+    bool succeeded = false;
+    uint32_t turn = 0;
+    while (true) {
+        if (continueSignalCaught_ != 0) {
+            succeeded = true;
+            break;
+        }
+        ++turn;
+        if (turn == CONTINUE_WAIT_TURNS + 1) {
+            break;
+        }
+        SleepNs(CONTINUE_SLEEP_NS);
+        if (turn % CONTINUE_FILE_EVERY == 0 && access(markerFile.c_str(), F_OK) == 0) {
+            succeeded = true;
+            break;
+        }
+    }
+    if (succeeded) {
+        SK_LOG(LOG_INFO, "%s wait success for continue startup, catch continue signal time=%s",
+               BootStrace(SK_TAG).c_str(), ContinueSignalTime().c_str());
+    } else {
+        SK_LOG(LOG_INFO, "%s wait for continue startup timeout!!", BootStrace(SK_TAG).c_str());
+    }
+    context.isQuickStart_ = false;
+}
+
+void StavikDaemon::ContinueStavikInit()
+{
+    Syslog(LOG_INFO, "%s, ContinueStavikInit success", BootStrace(SK_TAG).c_str());
+}
+
+void StavikDaemon::Join()
+{
+    const std::string markerFile = SysPath(NOTIFY_DONE_FILE);
+    if (access(markerFile.c_str(), F_OK) == 0) {
+        remove(markerFile.c_str());
+    }
+    JoinIfStarted(coreAffinityThread_);
+    JoinIfStarted(waitThread_);
+    JoinIfStarted(checkThread_);
+    JoinIfStarted(receiveChildMsgThread_);
+    JoinIfStarted(sysCheckThread_);
+}
+
+// A child that ends at once makes a blocking wait() return, so that the wait
+// thread sees the stop even while other children live.
+void StavikDaemon::StartWaitWakeChild()
+{
+    if (!waitThread_.joinable()) {
+        return;
+    }
+    pid_t child = fork();
+    if (child == 0) {
+        _exit(0);
+    }
+    if (child > 0) {
+        wakeChildPid_.store(child);
+    }
+}
+
+StavikDaemon::~StavikDaemon()
+{
+    stateCond_.notify_all();
+    isRunning_ = false;
+    StartWaitWakeChild();
+    BootContext::Instance().WakeChildMsgReader();
+    Join();
+    BootContext::Instance().ClosePipes();
+    closelog();
+}
+
+uint32_t StavikRun(const std::string& baseServiceCfgPath)
+{
+    try {
+        StavikDaemon daemon(baseServiceCfgPath);
+        if (!daemon.Init()) {
+            return 1;
+        }
+        daemon.Run();
+    } catch (const std::exception& error) {
+        Syslog(LOG_ERR, "STAVIK: Caught exception=%s", error.what());
+        return 1;
+    } catch (...) {
+        Syslog(LOG_ERR, "STAVIK: Caught unknown exception.");
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace Stavik

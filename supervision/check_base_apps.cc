@@ -1,0 +1,67 @@
+#include "app/terminated_reason.h"
+#include "channel/name_tables.h"
+#include "core/log.h"
+#include "core/stavik_daemon.h"
+
+namespace Stavik {
+
+// The whole walk holds baseAppMutex_, a restart included; stateMutex_ only
+// around the step that computes the state, which the base start reads.
+void StavikDaemon::CheckBaseApps()
+{
+    std::lock_guard<std::mutex> lock(baseAppMutex_);
+    for (App::BaseAppInfo& app : executedBaseApp_) {
+        {
+            std::lock_guard<std::mutex> stateLock(stateMutex_);
+            app.state_ = app.CheckState();
+        }
+        if (app.reportState_ == TERMINATED_ABNORMAL_EXIT) {
+            HandleBaseAppAbnormalEnd(app);
+        }
+    }
+}
+
+// A dead base application that stays TERMINATED comes here again on every
+// pass, until a restart succeeds or the policy gives up and the record goes.
+void StavikDaemon::HandleBaseAppAbnormalEnd(App::BaseAppInfo& app)
+{
+    Syslog(LOG_WARNING, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s unexpectedly terminated.",
+           app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+    uint32_t reason = App::GetTerminatedReason(app);
+    if (!app.NeedRestart(reason)) {
+        Syslog(LOG_INFO, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s doesn't need to restart",
+               app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+        return;
+    }
+    Syslog(LOG_INFO, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s will restart now", app.appName_.c_str(),
+           app.pid_, GetProcessStateStr(app.state_).c_str());
+    if (!RestartBaseApp(app.appName_)) {
+        Syslog(LOG_ERR, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s restart failed", app.appName_.c_str(),
+               app.pid_, GetProcessStateStr(app.state_).c_str());
+        return;
+    }
+    Syslog(LOG_INFO, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s restart success", app.appName_.c_str(),
+           app.pid_, GetProcessStateStr(app.state_).c_str());
+}
+
+bool StavikDaemon::RestartBaseApp(const std::string& name)
+{
+    App::BaseAppInfo* app = FindBaseApp(name);
+    if (app == nullptr) {
+        Syslog(LOG_WARNING, "STAVIK : Failed to find a process %s from executedBaseApp_", name.c_str());
+        return false;
+    }
+    if (app->state_ != TERMINATED) {
+        Syslog(LOG_ERR, "STAVIK : gonna restart process %s, but state=%s is not TERMINATED ", name.c_str(),
+               GetProcessStateStr(app->state_).c_str());
+        return false;
+    }
+    Syslog(LOG_INFO, "STAVIK : Restarting process %s", name.c_str());
+    if (!app->StartProcess()) {
+        Syslog(LOG_ERR, "STAVIK : Restarting process : %s failed ", name.c_str());
+        return false;
+    }
+    return true;
+}
+
+} // namespace Stavik

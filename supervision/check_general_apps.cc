@@ -1,0 +1,65 @@
+#include "app/terminated_reason.h"
+#include "channel/name_tables.h"
+#include "core/constants.h"
+#include "core/log.h"
+#include "core/stavik_daemon.h"
+
+namespace Stavik {
+
+// The changes of a pass are gathered under generalAppMutex_ so that the
+// reports to the owners can go out after it is released; until the report
+// channel exists they are not sent. The record stays in the map in any case:
+// restarting a general application is its owner's business.
+void StavikDaemon::CheckGeneralApps()
+{
+    std::vector<Message::AppStateChange> changes;
+    CollectGeneralAppChanges(changes);
+}
+
+void StavikDaemon::CollectGeneralAppChanges(std::vector<Message::AppStateChange>& changes)
+{
+    std::lock_guard<std::mutex> lock(generalAppMutex_);
+    for (auto& entry : generalAppMap_) {
+        App::GeneralAppInfo& app = *entry.second;
+        app.state_ = app.CheckState();
+        if (app.reportState_ == INVALID_INTERMEDIATE_STATE) {
+            continue;
+        }
+        Syslog(LOG_INFO, "STAVIK: CheckThread : generalAppName=%s, pid=%d, state=%s get statechange",
+               app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+        Message::AppStateChange change;
+        change.info.appName = app.appName_;
+        change.info.pid = static_cast<uint32_t>(app.pid_);
+        change.info.gid = app.gid_;
+        change.info.state = static_cast<uint32_t>(app.reportState_);
+        change.info.reason = App::GetTerminatedReason(app);
+        if (ChooseChangeOwner(app, change.owner)) {
+            changes.push_back(std::move(change));
+        }
+    }
+}
+
+// A priority application runs before its owner is up: until the owner has
+// reported ready, its changes go to the naming service once that has
+// announced itself, and before that they are told to nobody.
+bool StavikDaemon::ChooseChangeOwner(const App::GeneralAppInfo& app, std::string& owner)
+{
+    if (!app.isStartedAsPriority_) {
+        owner = app.ownerName_;
+        return true;
+    }
+    if (!IsZulServerReady()) {
+        return false;
+    }
+    owner = ZUL_MGR_NAME;
+    return true;
+}
+
+bool StavikDaemon::IsZulServerReady()
+{
+    std::lock_guard<std::mutex> lock(baseAppMutex_);
+    const App::BaseAppInfo* zul = FindBaseApp(ZUL_MGR_NAME);
+    return zul != nullptr && zul->isServerReady_;
+}
+
+} // namespace Stavik

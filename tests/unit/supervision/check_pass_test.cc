@@ -1,0 +1,132 @@
+// The steps of a check pass: dead base services, changes of general
+// applications, removal of finished records.
+#include "tests/unit/supervision/supervision_fixture.h"
+
+namespace Stavik {
+namespace SupervisionTest {
+namespace {
+
+const int32_t EXIT_CODE_1 = 0x0100;
+const int32_t KILLED_BY_SIGSEGV = SIGSEGV;
+
+class CheckPass : public DaemonSteps {
+protected:
+    static App::BaseAppInfo Died(const std::string& name, int32_t pid, const std::string& restart,
+                                 const std::string& binPath = "")
+    {
+        ManifestData data = Data(name, restart);
+        data.binPath = binPath;
+        data.arguments = {"30"};
+        App::BaseAppInfo app = Base(data, pid, RUNNING);
+        app.SetExitStatus(EXIT_CODE_1);
+        return app;
+    }
+};
+
+TEST_F(CheckPass, DeadBaseAppIsRestartedByPolicyOrLeftForRemoval)
+{
+    AddBase(Died("plain", 4242, ""));
+    AddBase(Died("forever", 4243, "on-forever", "/bin/sleep"));
+    AddBase(Died("broken", 4244, "on-forever", "/nonexistent/stavik-test-bin"));
+    daemon_->CheckBaseApps();
+
+    EXPECT_EQ(LOG_WARNING, LevelOf("STAVIK: CheckThread : owner=plain, pid=4242, state=TERMINATED unexpectedly terminated."));
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK: CheckThread : owner=plain, pid=4242, state=TERMINATED doesn't need to restart"));
+
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK: CheckThread : owner=forever, pid=4243, state=TERMINATED will restart now"));
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : Restarting process forever"));
+    App::BaseAppInfo forever = BaseCopy("forever");
+    EXPECT_EQ(STARTING, forever.state_);
+    EXPECT_NE(4243, forever.pid_);
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK: CheckThread : owner=forever, pid=" + std::to_string(forever.pid_) +
+                                ", state=STARTING restart success"));
+    KillAndReap(forever.pid_);
+
+    EXPECT_EQ(LOG_ERR, LevelOf("STAVIK : Restarting process : broken failed "));
+    EXPECT_EQ(LOG_ERR, LevelOf("STAVIK: CheckThread : owner=broken, pid=4244, state=TERMINATED restart failed"));
+
+    // The one without a resident policy goes; the failed restart stays and is
+    // tried again on the next pass.
+    daemon_->RemoveFinishedApps();
+    EXPECT_EQ(TERMINATED, BaseCopy("broken").state_);
+    EXPECT_EQ(-1, BaseCopy("plain").pid_);
+    LogCapture::Begin();
+    daemon_->CheckBaseApps();
+    EXPECT_TRUE(LogCapture::Contains("STAVIK : Process broken got unexpected TERMINATED state"));
+    EXPECT_TRUE(LogCapture::Contains("owner=broken, pid=4244, state=TERMINATED will restart now"));
+}
+
+TEST_F(CheckPass, GeneralChangesGoToTheOwnerOrForPriorityAppsToAReadyNamingService)
+{
+    AddGeneral("plain", "ownerA", 5001, STARTING);
+    auto early = AddGeneral("early", "ownerB", 5002, STARTING);
+    early->isStartedAsPriority_ = true;
+    auto crashed = AddGeneral("crashed", "ownerA", 5003, RUNNING);
+    crashed->SetExitStatus(KILLED_BY_SIGSEGV);
+    AddGeneral("idle", "ownerA", 5004, RUNNING);
+
+    std::vector<Message::AppStateChange> changes;
+    daemon_->CollectGeneralAppChanges(changes);
+    ASSERT_EQ(2u, changes.size());
+    std::map<std::string, Message::AppStateChange> byName;
+    for (const Message::AppStateChange& change : changes) {
+        byName[change.info.appName] = change;
+    }
+    EXPECT_EQ("ownerA", byName["plain"].owner);
+    EXPECT_EQ(5001u, byName["plain"].info.pid);
+    EXPECT_EQ(static_cast<uint32_t>(RUNNING_NORMAL_START), byName["plain"].info.state);
+    EXPECT_EQ(static_cast<uint32_t>(TERMINATED_ABNORMAL_EXIT), byName["crashed"].info.state);
+    EXPECT_EQ(static_cast<uint32_t>(REASON_COREDUMP), byName["crashed"].info.reason);
+    // The priority application changed too, but with no naming service up it is told to nobody.
+    EXPECT_EQ(RUNNING, early->state_);
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK: CheckThread : generalAppName=early, pid=5002, state=RUNNING get statechange"));
+    EXPECT_FALSE(LogCapture::Contains("generalAppName=idle"));
+
+    App::BaseAppInfo zul = Base(Data("zulmgr"), 20, RUNNING);
+    zul.isServerReady_ = true;
+    AddBase(zul);
+    early->state_ = STARTING;
+    daemon_->RemoveFinishedApps();
+    changes.clear();
+    daemon_->CollectGeneralAppChanges(changes);
+    ASSERT_EQ(1u, changes.size());
+    EXPECT_EQ("early", changes[0].info.appName);
+    EXPECT_EQ("zulmgr", changes[0].owner);
+}
+
+TEST_F(CheckPass, FinishedRecordsGoUnlessTheirBasePolicyIsResident)
+{
+    AddBase(Base(Data("gone", "no"), 10, TERMINATED));
+    AddBase(Base(Data("live"), 11, RUNNING));
+    AddBase(Base(Data("gone-too"), 12, TERMINATED));
+    AddBase(Base(Data("resident", "on-failure"), 13, TERMINATED));
+    AddGeneral("finished", "owner", 20, TERMINATED);
+    AddGeneral("working", "owner", 21, RUNNING);
+    daemon_->RemoveFinishedApps();
+
+    ASSERT_EQ(2u, BaseCount());
+    EXPECT_EQ("live", executedBaseApp_[0].appName_);
+    EXPECT_EQ("resident", executedBaseApp_[1].appName_);
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : Process gone removed from the list of executedBaseApp_"));
+    EXPECT_TRUE(LogCapture::Contains("STAVIK : Process gone-too removed from the list of executedBaseApp_"));
+    EXPECT_EQ(1u, generalAppMap_.count("working"));
+    EXPECT_EQ(0u, generalAppMap_.count("finished"));
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : Process finished removed from the list of generalAppMap_"));
+}
+
+TEST_F(CheckPass, PassOverRecordsAtRestIsSilent)
+{
+    for (int i = 0; i < 16; ++i) {
+        AddBase(Base(Data("base" + std::to_string(i)), 100 + i, RUNNING));
+        AddGeneral("general" + std::to_string(i), "owner", 200 + i, RUNNING);
+    }
+    daemon_->CheckBaseApps();
+    daemon_->CheckGeneralApps();
+    daemon_->RemoveFinishedApps();
+    EXPECT_TRUE(LogCapture::Lines().empty());
+    EXPECT_EQ(16u, BaseCount());
+}
+
+} // namespace
+} // namespace SupervisionTest
+} // namespace Stavik
