@@ -1,0 +1,187 @@
+#include "owner_test_env.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "channel/serialization.h"
+
+namespace OwnerTest {
+
+using Stavik::Message::RequestMsg;
+using Stavik::Test::DaemonProcess;
+
+void OwnerTestBase::SetUp()
+{
+    sandbox_ = std::make_unique<Stavik::Test::Sandbox>();
+    setenv("TUBIX_DIR", sandbox_->TubixDir().c_str(), 1);
+    setenv("PROC_NAME", "STAVIK", 1);
+}
+
+void OwnerTestBase::TearDown()
+{
+    unsetenv("PROC_NAME");
+    unsetenv("TUBIX_DIR");
+    sandbox_.reset();
+}
+
+FakeDaemon::~FakeDaemon()
+{
+    Close();
+}
+
+bool FakeDaemon::Open(const std::string& owner)
+{
+    TubixOpenParam param{};
+    param.procName = owner.c_str();
+    param.handler = [this](int32_t fd, const TubixRequest* req) { OnMessage(fd, req); };
+    param.priority = -1;
+    param.msgMode = 1;
+    param.retryOnMissing = 1;
+    param.timeoutMs = TIMEOUT_MS;
+    fd_ = TubixOpen(&param);
+    return fd_ > 0;
+}
+
+void FakeDaemon::Close()
+{
+    // Once the close answers 0 no callback on this object starts.
+    for (int attempt = 0; fd_ > 0 && attempt < 1000 && TubixClosePipe(fd_) == -16; ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    fd_ = -1;
+}
+
+void FakeDaemon::Answer(uint32_t type, const std::string& text)
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    answers_[type] = text;
+}
+
+void FakeDaemon::OnMessage(int32_t fd, const TubixRequest* req)
+{
+    if (req == nullptr) {
+        return;
+    }
+    std::string message(static_cast<const char*>(req->data), req->size);
+    std::string answer;
+    bool answered = false;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        messages_.push_back(message);
+        uint32_t type = 0;
+        memcpy(&type, message.data(), std::min(message.size(), sizeof(type)));
+        auto found = answers_.find(type);
+        answered = message.size() == sizeof(RequestMsg) && found != answers_.end();
+        answer = answered ? found->second : "";
+    }
+    changed_.notify_all();
+    if (answered) {
+        TubixSendResponse(fd, TubixResponse{req->id, &answer[0], static_cast<uint32_t>(answer.size())});
+    }
+}
+
+bool FakeDaemon::WaitForMessages(size_t count) const
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(TIMEOUT_MS),
+                             [&] { return messages_.size() >= count; });
+}
+
+std::vector<std::string> FakeDaemon::Messages() const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    return messages_;
+}
+
+RequestMsg FakeDaemon::Record(size_t index) const
+{
+    RequestMsg msg{};
+    std::vector<std::string> messages = Messages();
+    if (index < messages.size() && messages[index].size() == sizeof(msg)) {
+        memcpy(&msg, messages[index].data(), sizeof(msg));
+    }
+    return msg;
+}
+
+bool FakeDaemon::SendReport(const std::vector<Stavik::Message::AppStateInfo>& apps)
+{
+    std::vector<Stavik::Serialization::PackedPiece> pieces;
+    std::vector<RequestMsg> records;
+    if (!Stavik::Serialization::StavikPackAppStateRequest(apps, pieces) ||
+        !Stavik::Serialization::StavikCombinePiecesMsg(Stavik::Message::REPORT_APP_STATE, pieces, records)) {
+        return false;
+    }
+    for (const RequestMsg& record : records) {
+        if (TubixSendRequest(fd_, TubixRequest{0, &record, sizeof(record)}) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool FakeDaemon::SendDetail(const Stavik::Message::AppDetailStatusMap& statusMap)
+{
+    RequestMsg record{};
+    return Stavik::Serialization::WriteAppDetailStatusBody(statusMap, record) &&
+           TubixSendRequest(fd_, TubixRequest{0, &record, sizeof(record)}) == 0;
+}
+
+bool FakeDaemon::SendRecord(uint32_t type, const std::string& body)
+{
+    RequestMsg record{};
+    record.type = type;
+    record.size = body.size();
+    memcpy(record.data, body.data(), std::min(body.size(), sizeof(record.data)));
+    return TubixSendRequest(fd_, TubixRequest{0, &record, sizeof(record)}) == 0;
+}
+
+bool FakeDaemon::SendBytes(const std::string& bytes)
+{
+    return TubixSendRequest(fd_, TubixRequest{0, bytes.data(), static_cast<uint32_t>(bytes.size())}) == 0;
+}
+
+std::unique_ptr<DaemonProcess> RunTool(const Stavik::Test::Sandbox& sandbox, const std::vector<std::string>& args,
+                                       const std::string& stdinText)
+{
+    // The collector reads standard error, so the tool's output is sent there.
+    std::vector<std::string> words = {"-c", "exec \"$0\" \"$@\" <\"$OWNER_STDIN\" 1>&2",
+                                      Stavik::Test::BuiltProgram("client/stavik-owner")};
+    words.insert(words.end(), args.begin(), args.end());
+    std::string input = sandbox.WriteFile("/owner-stdin.txt", stdinText);
+    return std::make_unique<DaemonProcess>("/bin/sh", words,
+                                           std::map<std::string, std::string>{{"TUBIX_DIR", sandbox.TubixDir()},
+                                                                              {"OWNER_STDIN", input}});
+}
+
+std::vector<json> ToolEvents(const DaemonProcess& tool)
+{
+    std::vector<json> events;
+    for (const std::string& line : tool.Lines()) {
+        json event = json::parse(line, nullptr, false);
+        if (event.is_object()) {
+            events.push_back(event);
+        }
+    }
+    return events;
+}
+
+json WaitForEvent(const DaemonProcess& tool, const std::string& event, size_t nth)
+{
+    json found;
+    Stavik::Test::WaitUntil([&] {
+        size_t seen = 0;
+        for (const json& candidate : ToolEvents(tool)) {
+            if (candidate.value("event", "") == event && seen++ == nth) {
+                found = candidate;
+                return true;
+            }
+        }
+        return false;
+    }, TIMEOUT_MS);
+    return found;
+}
+
+} // namespace OwnerTest

@@ -1,0 +1,176 @@
+// The owner tool against a daemon side played by the test: what it sends is
+// read back with the daemon's own unpackers.
+#include <signal.h>
+
+#include "channel/serialization.h"
+#include "owner_test_env.h"
+
+namespace OwnerTest {
+namespace {
+
+using namespace Stavik::Message;
+using namespace Stavik::Serialization;
+
+class OwnerToolTest : public OwnerTestBase {};
+
+std::string Body(const RequestMsg& msg)
+{
+    return std::string(msg.data, BodySize(msg));
+}
+
+TEST_F(OwnerToolTest, SendsTheCommandLineRequestsInOrderOnceTheDaemonConnects)
+{
+    auto tool = RunTool(*sandbox_, {"--name", "svc",
+        "--request", R"({"type":"start","apps":[{"name":"a","argv":["-v","x y"],
+                        "dynamic":{"0":["/bin/x"],"2":["K=V","L=W"]}},{"name":"b"}]})",
+        "--request", R"({"type":"restart","apps":[{"name":"c","argv":["1"]}]})",
+        "--request", R"({"type":"term","apps":["a","b"]})",
+        "--request", R"({"type":"state","state":"RUNNING"})",
+        "--request", R"({"type":"exec","appName":"e","pid":42,"gid":7,"state":"TERMINATED"})",
+        "--request", R"({"type":"query","apps":["a","bb"]})",
+        "--request", R"({"type":"raw","msgType":8,"body":"hello","size":5000})",
+        "--request", R"({"type":"raw-bytes","length":100})"});
+    EXPECT_EQ(WaitForEvent(*tool, "listening")["name"], "svc");
+    FakeDaemon daemon;
+    ASSERT_TRUE(daemon.Open("svc"));
+    json connected = WaitForEvent(*tool, "connected");
+    EXPECT_EQ(connected["client"], "STAVIK");
+    EXPECT_GT(connected["fd"].get<int>(), 0);
+    ASSERT_TRUE(daemon.WaitForMessages(8));
+
+    std::vector<StartAppInfo> started;
+    StavikUnpackStartRequest(daemon.Record(0), started, "svc");
+    ASSERT_EQ(started.size(), 2u);
+    EXPECT_EQ(started[0].appName, "a");
+    EXPECT_EQ(started[0].argv, (std::vector<std::string>{"-v", "x y"}));
+    EXPECT_EQ(started[0].dynamicPara, (DynamicParaMap{{0, {"/bin/x"}}, {2, {"K=V", "L=W"}}}));
+    EXPECT_EQ(started[1].appName, "b");
+    std::vector<RestartAppInfo> restarted;
+    StavikUnpackRestartRequest(daemon.Record(1), restarted, "svc");
+    ASSERT_EQ(restarted.size(), 1u);
+    EXPECT_EQ(restarted[0].argv, std::vector<std::string>{"1"});
+    std::vector<TermAppInfo> terms;
+    StavikUnpackTermRequest(daemon.Record(2), terms);
+    ASSERT_EQ(terms.size(), 2u);
+    EXPECT_EQ(terms[1].appName, "b");
+    BaseServiceStateInfo state;
+    StavikUnpackedBaseServiceStateRequest(daemon.Record(3), state);
+    EXPECT_EQ(state.state, 2u);
+    AppExecInfo exec;
+    StavikUnpackedAppExecInfoRequest(daemon.Record(4), exec);
+    EXPECT_EQ(exec.appName + "/" + std::to_string(exec.pid) + "/" + std::to_string(exec.gid) + "/" +
+                  std::to_string(exec.state), "e/42/7/1");
+    std::vector<std::string> queried;
+    EXPECT_TRUE(ReadQueryAppStateBody(daemon.Record(5), queried));
+    EXPECT_EQ(queried, (std::vector<std::string>{"a", "bb"}));
+    EXPECT_EQ(daemon.Record(6).type, 8u);
+    EXPECT_EQ(daemon.Record(6).size, 5000u);
+    EXPECT_EQ(std::string(daemon.Record(6).data), "hello");
+    EXPECT_EQ(daemon.Messages()[7], std::string(100, '\0'));
+
+    EXPECT_EQ(WaitForEvent(*tool, "sent", 7)["request"]["type"], "raw-bytes");
+    EXPECT_EQ(WaitForEvent(*tool, "sent", 0)["request"]["type"], "start");
+    tool->Signal(SIGTERM);
+    EXPECT_EQ(tool->WaitExit(TIMEOUT_MS), 0);
+}
+
+TEST_F(OwnerToolTest, StartBodiesFollowTheDialectOfTheNameUnlessTheRequestNamesOne)
+{
+    auto tool = RunTool(*sandbox_, {"--name", "zulmgr",
+        "--request", R"({"type":"start","apps":[{"name":"z","argv":["1","2"]}]})",
+        "--request", R"({"type":"start","apps":[{"name":"z","dynamic":{"1":["v"]}}]})",
+        "--request", R"({"type":"restart","dialect":"general","apps":[{"name":"r","dynamic":{"1":["v"]}}]})"});
+    FakeDaemon daemon;
+    ASSERT_TRUE(daemon.Open("zulmgr"));
+    ASSERT_TRUE(daemon.WaitForMessages(2));
+
+    EXPECT_EQ(Body(daemon.Record(0)), "1#z#2#1#2#");
+    std::vector<StartAppInfo> started;
+    StavikUnpackStartRequest(daemon.Record(0), started, "zulmgr");
+    ASSERT_EQ(started.size(), 1u);
+    EXPECT_EQ(started[0].argv, (std::vector<std::string>{"1", "2"}));
+    std::string refused = WaitForEvent(*tool, "error")["message"];
+    EXPECT_NE(refused.find("zulmgr dialect"), std::string::npos) << refused;
+    std::vector<RestartAppInfo> restarted;
+    StavikUnpackRestartRequest(daemon.Record(1), restarted, "svc");
+    ASSERT_EQ(restarted.size(), 1u);
+    EXPECT_EQ(restarted[0].dynamicPara, (DynamicParaMap{{1, {"v"}}}));
+}
+
+TEST_F(OwnerToolTest, PrintsEveryRecordTheDaemonSendsAndTheDisconnect)
+{
+    auto tool = RunTool(*sandbox_, {"--name", "svc"});
+    FakeDaemon daemon;
+    ASSERT_TRUE(daemon.Open("svc"));
+    ASSERT_TRUE(daemon.SendReport({{"a", 10, 20, 0, 0}, {"bee", 11, 21, 4, 2}}));
+    ASSERT_TRUE(daemon.SendDetail({{"a", DETAIL_STATUS_ALIVE}, {"zz", DETAIL_STATUS_ABSENT}}));
+    ASSERT_TRUE(daemon.SendRecord(8, "free"));
+    ASSERT_TRUE(daemon.SendRecord(REPORT_APP_STATE, "1#a#x#"));
+    ASSERT_TRUE(daemon.SendBytes(std::string(100, 'q')));
+    daemon.Close();
+
+    json report = WaitForEvent(*tool, "report");
+    EXPECT_EQ(report["type"], "REPORT_APP_STATE");
+    EXPECT_EQ(report["count"], 2);
+    json bee = report["apps"][0]["appName"] == "bee" ? report["apps"][0] : report["apps"][1];
+    EXPECT_EQ(bee, json::parse(R"({"appName":"bee","pid":11,"gid":21,"state":4,
+                                  "stateName":"TERMINATED_ABNORMAL_EXIT","reason":2})"));
+    EXPECT_EQ(WaitForEvent(*tool, "detail")["apps"], json::parse(R"({"a":0,"zz":1})"));
+    json record = WaitForEvent(*tool, "record");
+    EXPECT_EQ(record["type"], 8);
+    EXPECT_EQ(record["size"], 4);
+    json badReport = WaitForEvent(*tool, "bad-record", 0);
+    EXPECT_EQ(badReport["type"], REPORT_APP_STATE);
+    EXPECT_TRUE(badReport.contains("message"));
+    json notRecord = WaitForEvent(*tool, "bad-record", 1);
+    EXPECT_EQ(notRecord["length"], 100);
+    EXPECT_FALSE(notRecord.contains("type"));
+    EXPECT_FALSE(WaitForEvent(*tool, "disconnected").is_null());
+}
+
+TEST_F(OwnerToolTest, AnswersOfStartupCfgCallsArePrintedAndBadLinesOnlyGiveErrors)
+{
+    std::string lines = std::string("not json\n") + R"({"type":"nope"})" + "\n" +
+                        R"({"type":"term","apps":"a"})" + "\n" +
+                        R"({"type":"exec","appName":"e","pid":-1})" + "\n" +
+                        R"({"type":"raw","msgType":1,"body":")" + std::string(4000, 'x') + "\"}\n\n" +
+                        R"({"type":"load","path":"/etc/x.yaml","match":{"k":"v"}})" + "\n" +
+                        R"({"type":"reload","path":"/etc/y.yaml"})" + "\n" +
+                        R"({"type":"query","apps":["a"]})" + "\n";
+    auto tool = RunTool(*sandbox_, {"--name", "svc", "--stdin"}, lines);
+    FakeDaemon daemon;
+    daemon.Answer(LOAD_STARTUP_CFG, "0");
+    daemon.Answer(RELOAD_STARTUP_CFG, "3");
+    ASSERT_TRUE(daemon.Open("svc"));
+
+    EXPECT_EQ(WaitForEvent(*tool, "response", 0), json::parse(R"({"event":"response","request":"load","text":"0"})"));
+    EXPECT_EQ(WaitForEvent(*tool, "response", 1)["text"], "3");
+    EXPECT_EQ(WaitForEvent(*tool, "sent")["request"]["type"], "query");
+    size_t errors = 0;
+    for (const json& event : ToolEvents(*tool)) {
+        errors += event["event"] == "error" ? 1 : 0;
+    }
+    EXPECT_EQ(errors, 5u);
+    ASSERT_TRUE(daemon.WaitForMessages(3));
+    StartupCfgInfo loaded;
+    StavikUnpackMatchDataAndPathRequest(daemon.Record(0), loaded);
+    EXPECT_EQ(loaded.path, "/etc/x.yaml");
+    EXPECT_EQ(loaded.matchData, (std::map<std::string, std::string>{{"k", "v"}}));
+    EXPECT_EQ(daemon.Record(1).type, RELOAD_STARTUP_CFG);
+    tool->Signal(SIGINT);
+    EXPECT_EQ(tool->WaitExit(TIMEOUT_MS), 0);
+}
+
+TEST_F(OwnerToolTest, WithoutADaemonRequestsFailAndTheToolEndsOnTime)
+{
+    auto tool = RunTool(*sandbox_, {"--name", "svc", "--wait-daemon-ms", "50", "--exit-after-ms", "1000",
+                                    "--request", R"({"type":"term","apps":["a"]})"});
+    EXPECT_NE(WaitForEvent(*tool, "error", 0)["message"].get<std::string>().find("no pipe within 50 ms"),
+              std::string::npos);
+    EXPECT_NE(WaitForEvent(*tool, "error", 1)["message"].get<std::string>().find("no pipe from the daemon"),
+              std::string::npos);
+    EXPECT_EQ(tool->WaitExit(TIMEOUT_MS), 0);
+}
+
+} // namespace
+} // namespace OwnerTest
