@@ -42,6 +42,10 @@ public:
     int32_t GetOwnerFd(const std::string& owner);
     // Sends the records in order; stops at the first failure.
     bool SendRequestMsg(int32_t fd, const std::vector<Message::RequestMsg>& requestMsgs);
+    // A REPORT_APP_STATE report, in as many records as it needs; fire and forget.
+    bool ReportAppState(const std::vector<Message::AppStateInfo>& apps, const std::string& owner);
+    // The answer to a query, in one record.
+    bool ReportAppDetailStatus(const Message::AppDetailStatusMap& statusMap, const std::string& owner);
 
 private:
     void WriteLock();

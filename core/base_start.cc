@@ -107,8 +107,14 @@ bool StavikDaemon::InitOneBaseApplication(App::BaseAppInfo app)
             return false;
         }
     }
+    // The naming service learns of each base application as soon as it has a pid.
+    ReportBaseAppState(app, RUNNING_NORMAL_START, REASON_NONE);
     if (!app.isReporting_) {
         return true;
+    }
+    if (!RegisterService(app.appName_, app.gid_)) {
+        Syslog(LOG_ERR, "STAVIK : procname=%s RegisterService failed", app.appName_.c_str());
+        return false;
     }
     InitBaseApp(app.appName_);
     return true;

@@ -20,15 +20,36 @@ void StavikDaemon::UpdateBaseAppState(const std::string& name, uint32_t state)
     Syslog(LOG_INFO, "%s SK receive BASESERVICE_STATE_REPORT msg from %s report state=%s",
            BootStrace(SK_TAG).c_str(), name.c_str(), GetBaseServiceStateTypeStr(state).c_str());
     if (state == ReportWord(Message::BaseServiceStateType::INIT)) {
-        if (name == ZUL_MGR_NAME) {
-            UpdateOwnerReady(name);
-        }
+        HandleZulInit(name);
+    } else if (state == ReportWord(Message::BaseServiceStateType::RESTARTING)) {
+        HandleZulRestarting(name);
     } else if (state == ReportWord(Message::BaseServiceStateType::RUNNING)) {
         UpdateOwnerReady(name);
         SetReportedBaseAppState(name, RUNNING);
     } else if (state == ReportWord(Message::BaseServiceStateType::TERMINATING)) {
         SetReportedBaseAppState(name, TERMINATING);
     }
+}
+
+// A naming service that comes up learns of the daemon and of what ran before it.
+void StavikDaemon::HandleZulInit(const std::string& name)
+{
+    if (name != ZUL_MGR_NAME) {
+        return;
+    }
+    RegisterVfs();
+    ReportAllGeneralAppsToZul();
+    UpdateOwnerReady(name);
+}
+
+// A naming service that restarts has lost its picture: it gets all of it again.
+void StavikDaemon::HandleZulRestarting(const std::string& name)
+{
+    if (name != ZUL_MGR_NAME) {
+        return;
+    }
+    ReportRunningGeneralAppsToZul();
+    ReportAllBaseAppsToZul();
 }
 
 // The reported state is taken over, except that a process already seen dead

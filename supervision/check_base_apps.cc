@@ -15,7 +15,9 @@ void StavikDaemon::CheckBaseApps()
             std::lock_guard<std::mutex> stateLock(stateMutex_);
             app.state_ = app.CheckState();
         }
-        if (app.reportState_ == TERMINATED_ABNORMAL_EXIT) {
+        if (app.reportState_ == TERMINATED_NORMAL_EXIT) {
+            ReportBaseAppState(app, TERMINATED_NORMAL_EXIT, REASON_NONE);
+        } else if (app.reportState_ == TERMINATED_ABNORMAL_EXIT) {
             HandleBaseAppAbnormalEnd(app);
         }
     }
@@ -28,6 +30,10 @@ void StavikDaemon::HandleBaseAppAbnormalEnd(App::BaseAppInfo& app)
     Syslog(LOG_WARNING, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s unexpectedly terminated.",
            app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
     uint32_t reason = App::GetTerminatedReason(app);
+    ReportBaseAppState(app, TERMINATED_ABNORMAL_EXIT, reason);
+    if (app.isReporting_) {
+        UnRegServiceCallBack(app.appName_);
+    }
     if (!app.NeedRestart(reason)) {
         Syslog(LOG_INFO, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s doesn't need to restart",
                app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
@@ -38,6 +44,12 @@ void StavikDaemon::HandleBaseAppAbnormalEnd(App::BaseAppInfo& app)
     if (!RestartBaseApp(app.appName_)) {
         Syslog(LOG_ERR, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s restart failed", app.appName_.c_str(),
                app.pid_, GetProcessStateStr(app.state_).c_str());
+        return;
+    }
+    ReportBaseAppState(app, RUNNING_NORMAL_START, REASON_NONE);
+    // Every restarted service gets its pipe again, reporting or not.
+    if (!RegisterService(app.appName_, app.gid_)) {
+        Syslog(LOG_ERR, "STAVIK : procname=%s RegisterService failed", app.appName_.c_str());
         return;
     }
     Syslog(LOG_INFO, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s restart success", app.appName_.c_str(),

@@ -7,13 +7,13 @@
 namespace Stavik {
 
 // The changes of a pass are gathered under generalAppMutex_ so that the
-// reports to the owners can go out after it is released; until the report
-// channel exists they are not sent. The record stays in the map in any case:
-// restarting a general application is its owner's business.
+// reports to the owners go out after it is released. The record stays in the
+// map in any case: restarting a general application is its owner's business.
 void StavikDaemon::CheckGeneralApps()
 {
     std::vector<Message::AppStateChange> changes;
     CollectGeneralAppChanges(changes);
+    ReportGeneralAppChanges(changes);
 }
 
 void StavikDaemon::CollectGeneralAppChanges(std::vector<Message::AppStateChange>& changes)
