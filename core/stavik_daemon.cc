@@ -55,6 +55,7 @@ void StavikDaemon::Run()
 {
     checkThread_ = std::thread(&StavikDaemon::CheckThread, this);
     waitThread_ = std::thread(&StavikDaemon::WaitThread, this);
+    InitPriorityApps(baseServiceCfgPath_);
     WaitContinueSignal();
     ContinueStavikInit();
     receiveChildMsgThread_ = std::thread(&StavikDaemon::ReceiveChildProcessMsgThread, this);

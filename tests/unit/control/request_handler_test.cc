@@ -1,0 +1,98 @@
+// Transport checks of an owner's record, dispatch by type, and the answers
+// of the two start-up configuration requests on a real pipe.
+#include "client/request_packer.h"
+#include "tests/unit/control/control_fixture.h"
+
+namespace Stavik {
+namespace ControlTest {
+namespace {
+
+class RequestHandler : public ControlSteps {
+protected:
+    void Deliver(const Message::RequestMsg& msg, uint32_t size = sizeof(Message::RequestMsg), int32_t fd = 5)
+    {
+        TubixRequest req{7, &msg, size};
+        daemon_->RequestMsgHandler(fd, &req, "ownerA");
+    }
+
+    static Message::RequestMsg StartRecord(const std::string& name)
+    {
+        Message::RequestMsg msg{};
+        std::string error;
+        EXPECT_TRUE(Client::PackStartRequest({{name, {}, {}}}, Client::Dialect::GENERAL, msg, error)) << error;
+        return msg;
+    }
+};
+
+TEST_F(RequestHandler, BadTransportMessagesAreLoggedAndChangeNothing)
+{
+    Store({Probe("a")});
+    Message::RequestMsg msg = StartRecord("a");
+    TubixRequest req{7, &msg, sizeof(msg)};
+
+    daemon_->RequestMsgHandler(0, &req, "ownerA");
+    daemon_->RequestMsgHandler(5, nullptr, "ownerA");
+    Deliver(msg, 3968);
+    TubixRequest noData{7, nullptr, sizeof(msg)};
+    daemon_->RequestMsgHandler(5, &noData, "ownerA");
+
+    std::vector<CapturedLine> lines = LogCapture::Lines();
+    ASSERT_EQ(4u, lines.size());
+    EXPECT_EQ("STAVIK : RequestMsgHandler failed: invalid fd=0", lines[0].text);
+    EXPECT_EQ("STAVIK : fd=5, owner=ownerA exit", lines[1].text);
+    EXPECT_EQ("STAVIK : RequestMsgHandler size=3968 bytes is not illegal ,struct of message size=3984 bytes",
+              lines[2].text);
+    EXPECT_EQ("STAVIK : RequestMsgHandler failed: request is null point", lines[3].text);
+    for (const CapturedLine& line : lines) {
+        EXPECT_EQ(LOG_ERR, line.level);
+    }
+    EXPECT_FALSE(IsLive("a"));
+
+    Deliver(msg);
+    EXPECT_TRUE(Count("SK receive START_APP msg from ownerA, appList=a,"));
+    EXPECT_TRUE(IsLive("a"));
+}
+
+TEST_F(RequestHandler, TypesNobodySendsAreDroppedSilently)
+{
+    for (uint32_t type : {4u, 8u, 10u, 11u}) {
+        Message::RequestMsg msg{};
+        msg.type = type;
+        Deliver(msg);
+    }
+    EXPECT_TRUE(LogCapture::Lines().empty());
+}
+
+TEST_F(RequestHandler, StartupCfgRequestsLoadTheOwnersOwnFileAndAnswerZero)
+{
+    std::string startup = sandbox_.WriteFile(
+        "/etc/ownerA_startup.yaml", "apps:\n  - name: late\n    bin_path: /bin/true\n");
+    ManifestData owner = Probe("ownerA");
+    owner.startupEntryPath = startup;
+    {
+        std::lock_guard<std::mutex> lock(baseAppMutex_);
+        executedBaseApp_.emplace_back(ApplicationManifest(owner));
+    }
+    Client::OwnerSession& session = OpenPipe("ownerA");
+
+    std::string answer;
+    ASSERT_TRUE(session.LoadStartupCfg(Message::StartupCfgInfo{{}, "/etc/elsewhere.yaml"}, answer))
+        << session.LastError();
+    EXPECT_EQ("0", answer);
+    EXPECT_EQ(LOG_INFO, LevelOf("SK receive LOAD_STARTUP_CFG msg load file=/etc/elsewhere.yaml"));
+    EXPECT_TRUE(Count("LoadStartCfgInfo finish ret=0x0, fd="));
+    EXPECT_EQ(0u, Count("LoadStartCfgInfo failed"));
+    EXPECT_NE(nullptr, Lookup("late"));
+
+    sandbox_.WriteFile("/etc/ownerA_startup.yaml", "apps: [\n");
+    ASSERT_TRUE(session.ReloadStartupCfg(Message::StartupCfgInfo{{}, "/etc/elsewhere.yaml"}, answer))
+        << session.LastError();
+    EXPECT_EQ("0", answer);
+    EXPECT_EQ(LOG_INFO, LevelOf("SK receive RELOAD_STARTUP_CFG msg load file=" + startup));
+    EXPECT_EQ(LOG_ERR, LevelOf("LoadStartCfgInfo failed, path=" + startup));
+    EXPECT_TRUE(Count("ReLoadStartCfgInfo finish ret=0x0, fd="));
+}
+
+} // namespace
+} // namespace ControlTest
+} // namespace Stavik
