@@ -1,0 +1,77 @@
+#ifndef STAVIK_TESTS_SUPPORT_PLAYED_OWNERS_H
+#define STAVIK_TESTS_SUPPORT_PLAYED_OWNERS_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/owner_session.h"
+#include "tests/support/daemon_process.h"
+
+namespace Stavik {
+namespace Test {
+
+using Client::OwnerSession;
+
+// Generous bound of every wait for the daemon in these tests.
+constexpr int OWNER_WAIT_MS = 20000;
+
+// Owner services played by the test process. The daemon opens its pipe to a
+// reporting base service by name, so a session listening under that name
+// takes the pipe in place of the started binary.
+class PlayedOwners {
+public:
+    // Points TUBIX_DIR of this process at the sandbox and starts listening, so
+    // construct it before the daemon.
+    PlayedOwners(const Sandbox& sandbox, const std::vector<std::string>& names);
+    // "" when every session listens, else why one doesn't.
+    std::string Error() const { return error_; }
+    OwnerSession& operator[](const std::string& name) { return *sessions_.at(name); }
+
+private:
+    std::map<std::string, std::unique_ptr<OwnerSession>> sessions_;
+    std::string error_;
+};
+
+// The daemon in the sandbox with its standard output, which every child
+// inherits, thrown away: owner tools among the children print their events there.
+std::unique_ptr<DaemonProcess> QuietDaemon(const Sandbox& sandbox, const std::vector<std::string>& args);
+
+// Waits for the daemon's pipe and tells it that the service runs.
+bool ReportRunning(OwnerSession& owner);
+
+// The entries of appName in REPORT events at or after `from`.
+std::vector<Message::AppStateInfo> EntriesOf(const OwnerSession& owner, const std::string& appName,
+                                             size_t from = 0);
+
+std::vector<uint32_t> StatesOf(const std::vector<Message::AppStateInfo>& entries);
+
+// A term of a name nobody knows is answered at once, inside the request. Once
+// that answer is back, whatever the owner's earlier requests sent has arrived.
+bool Barrier(OwnerSession& owner);
+
+// The text as a regular expression that matches it literally.
+std::string RegexQuoted(const std::string& text);
+
+// A "... success appName=NAME, child_pid=PID" line of the daemon's log.
+struct StartLine {
+    std::string name;
+    pid_t pid = 0;
+    long index = -1;
+};
+// The lines holding `marker` followed by "appName=", in log order.
+std::vector<StartLine> StartLines(const DaemonProcess& daemon, const std::string& marker);
+std::vector<std::string> NamesOf(const std::vector<StartLine>& lines);
+bool ProcessAlive(pid_t pid);
+// Whether the process has set the signal to be ignored (SigIgn of its status).
+bool IgnoresSignal(pid_t pid, int signal);
+// The state letter of /proc/<pid>/stat, 0 when the process is gone.
+char ProcessState(pid_t pid);
+
+} // namespace Test
+} // namespace Stavik
+
+#endif
