@@ -32,15 +32,16 @@ void Introduce()
 {
     const char* name = getenv("PROC_NAME");
     const char* restart = getenv("IS_RESTART");
+    const char* role = getenv("DEMO_ROLE");
     gid_t groups[64];
     int count = getgroups(64, groups);
     std::string groupText;
     for (int i = 0; i < count; ++i) {
         groupText += (i == 0 ? "" : ",") + std::to_string(groups[i]);
     }
-    fprintf(stderr, "demo-service %s: pid=%d uid=%u gid=%u groups=%s nice=%d IS_RESTART=%s\n",
+    fprintf(stderr, "demo-service %s: pid=%d uid=%u gid=%u groups=%s nice=%d IS_RESTART=%s DEMO_ROLE=%s\n",
             name != nullptr ? name : "?", getpid(), getuid(), getgid(), groupText.c_str(), nice(0),
-            restart != nullptr ? restart : "-");
+            restart != nullptr ? restart : "-", role != nullptr ? role : "-");
 }
 
 void SleepMs(long milliseconds)

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the daemon on the bundled example
 # manifest in a throw-away sandbox root, with its log on this terminal.
-# STAVIK_DEMO_SECONDS sets how long it runs (default 20; 0 runs until Ctrl-C).
+# STAVIK_DEMO_SECONDS sets how long it runs (default 30; 0 runs until Ctrl-C).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/bootstrap.sh
 ./scripts/build.sh
 
-seconds="${STAVIK_DEMO_SECONDS:-20}"
+seconds="${STAVIK_DEMO_SECONDS:-30}"
 root="$(mktemp -d /tmp/stavik-demo.XXXXXX)"
 mkdir -p "$root/dev" "$root/etc" "$root/sys/fs/cgroup" "$root/run/tubix"
 cp /etc/passwd "$root/etc/passwd"
@@ -17,6 +17,10 @@ chmod -R a+rX "$root"
 
 echo "demo: sandbox root $root; the daemon's log follows"
 export STAVIK_SYSROOT="$root" STAVIK_LOG_STDERR=1 TUBIX_DIR="$root/run/tubix"
+# After restarting a base service the daemon opens a pipe to it, and waits this
+# long twice for a service that doesn't listen (demo_crasher, demo_ticker),
+# holding up its checks meanwhile. The owner tools listen within milliseconds.
+export TUBIX_OPEN_TIMEOUT_MS="${TUBIX_OPEN_TIMEOUT_MS:-1000}"
 setsid ./build/stavik-daemon "$root/examples/base_services.yaml" &
 daemon=$!
 stop() {

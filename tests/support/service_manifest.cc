@@ -56,9 +56,9 @@ std::string EntryText(const ServiceSpec& service)
     if (service.nice != 0) {
         out << "    nice: " << service.nice << "\n";
     }
-    if (service.hasHeartBeat) {
-        out << "    heartbeat: {enable: " << (service.heartBeat.enable ? "true" : "false")
-            << ", interval: " << service.heartBeat.interval << ", count: " << service.heartBeat.count << "}\n";
+    if (service.heartBeat) {
+        out << "    heartbeat: {enable: " << (service.heartBeat->enable ? "true" : "false")
+            << ", interval: " << service.heartBeat->interval << ", count: " << service.heartBeat->count << "}\n";
     }
     if (!service.startupEntryPath.empty()) {
         out << "    startup_entry_path: " << Quoted(service.startupEntryPath) << "\n";
@@ -96,11 +96,14 @@ bool ReadStat(const std::string& pidText, char& state, pid_t& ppid)
 
 std::string ManifestText(const std::vector<ServiceSpec>& services)
 {
+    if (services.empty()) {
+        return "apps: []\n";
+    }
     std::string text = "apps:\n";
     for (const ServiceSpec& service : services) {
         text += EntryText(service);
     }
-    return services.empty() ? "apps: []\n" : text;
+    return text;
 }
 
 ServiceSpec ProbeService(const std::string& name, const std::vector<std::string>& args)

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -31,8 +32,7 @@ struct ServiceSpec {
     std::string restart;
     std::vector<std::string> depends;
     int nice = 0;
-    bool hasHeartBeat = false;
-    HeartBeatSpec heartBeat;
+    std::optional<HeartBeatSpec> heartBeat;
     std::string startupEntryPath;
 };
 

@@ -1,0 +1,229 @@
+// Reaping, state changes and restart policy of base services, seen from
+// outside the real daemon; the services are probe children that die as told.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <regex>
+
+#include "tests/support/daemon_process.h"
+#include "tests/support/service_manifest.h"
+
+namespace Stavik {
+namespace Test {
+namespace {
+
+const int LOOP_TIMEOUT_MS = 60000;
+const std::string UNMATCHED_DEATH = "STAVIK: can not find app";
+const gid_t SEGV_GID = 4011;
+const gid_t IO_ERROR_GID = 4125;
+// Long enough for the daemon to file the record before the first death.
+const std::string LIFETIME_MS = "100";
+
+// Every restart opens a pipe to the service, and no service here listens: the
+// library's open time-out is cut so that the opens fail at once and the
+// restart loops run at their own pace.
+const std::map<std::string, std::string> NO_OPEN_WAIT = {{"TUBIX_OPEN_TIMEOUT_MS", "0"}};
+
+std::string CheckLine(const std::string& name, pid_t pid, const std::string& what)
+{
+    return "STAVIK: CheckThread : owner=" + name + ", pid=" + std::to_string(pid) + ", state=TERMINATED " + what;
+}
+
+std::string Removed(const std::string& name)
+{
+    return "STAVIK : Process " + name + " removed from the list of executedBaseApp_";
+}
+
+std::string ExitLine(const std::string& name, pid_t pid, const std::string& what)
+{
+    return "STAVIK : Process=" + name + ", pid=" + std::to_string(pid) + " " + what;
+}
+
+// One daemon whose services die in different ways, shared by the tests of this suite.
+class DeathsRun : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        sandbox_ = new Sandbox();
+        MakeDirs(sandbox_->Path("/out/crash_fail"));
+        ServiceSpec crashFail = ProbeService("crash_fail", {"--out-dir", sandbox_->Path("/out/crash_fail"),
+                                                            "--after-ms", LIFETIME_MS, "--exit", "1"});
+        crashFail.restart = "on-failure";
+        ServiceSpec forever = ProbeService("forever_zero", {"--after-ms", LIFETIME_MS, "--exit", "0"});
+        forever.restart = "on-forever";
+        ServiceSpec segv = ProbeService("segv", {"--after-ms", LIFETIME_MS, "--no-core", "--signal", "11"});
+        segv.gid = SEGV_GID;
+        ServiceSpec ioError = ProbeService("io_error", {"--after-ms", LIFETIME_MS, "--exit", "125"});
+        ioError.gid = IO_ERROR_GID;
+        std::vector<ServiceSpec> services = {
+            crashFail, forever, segv, ioError,
+            ProbeService("no_policy", {"--after-ms", LIFETIME_MS, "--exit", "0"}),
+            ProbeService("killed", {"--after-ms", LIFETIME_MS, "--signal", "9"}),
+            ProbeService("exit3", {"--after-ms", LIFETIME_MS, "--exit", "3"}),
+        };
+        std::string manifest = sandbox_->WriteFile("/etc/base.yaml", ManifestText(services));
+        daemon_ = new DaemonProcess(*sandbox_, {manifest}, NO_OPEN_WAIT);
+    }
+
+    static void TearDownTestSuite()
+    {
+        delete daemon_;
+        delete sandbox_;
+    }
+
+    // The pid of the one incarnation of a service without restarts, once it is gone.
+    static pid_t PidOfRemoved(const std::string& name)
+    {
+        if (!WaitForExactLine(*daemon_, Removed(name), LOOP_TIMEOUT_MS)) {
+            return 0;
+        }
+        std::vector<pid_t> pids = StartedPids(*daemon_, name);
+        return pids.size() == 1 ? pids[0] : 0;
+    }
+
+    static Sandbox* sandbox_;
+    static DaemonProcess* daemon_;
+};
+
+Sandbox* DeathsRun::sandbox_ = nullptr;
+DaemonProcess* DeathsRun::daemon_ = nullptr;
+
+TEST_F(DeathsRun, OnFailureIsGivenUpAtTheSixthDeathWithinAMinuteAndRemovedInThatPass)
+{
+    const std::string name = "crash_fail";
+    ASSERT_TRUE(WaitForExactLine(*daemon_, Removed(name), LOOP_TIMEOUT_MS)) << daemon_->Log();
+    std::vector<pid_t> pids = StartedPids(*daemon_, name);
+    ASSERT_EQ(6u, pids.size()) << daemon_->Log();
+    for (size_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(1u, CountExact(*daemon_, CheckLine(name, pids[i], "will restart now"))) << i;
+    }
+    const std::regex limitLine("^STAVIK : Process=crash_fail has restart 5 times in recent ([0-9]+) ms\\.$");
+    std::smatch match;
+    long limit = -1;
+    std::vector<std::string> lines = daemon_->Lines();
+    for (size_t i = 0; i < lines.size(); ++i) {
+        std::string text = LogText(lines[i]);
+        if (std::regex_match(text, match, limitLine)) {
+            EXPECT_LE(std::stol(match[1]), 60000);
+            limit = static_cast<long>(i);
+        }
+    }
+    long refused = IndexOfExact(*daemon_, CheckLine(name, pids[5], "doesn't need to restart"));
+    EXPECT_LE(0, limit) << daemon_->Log();
+    EXPECT_LT(limit, refused);
+    EXPECT_LT(refused, IndexOfExact(*daemon_, Removed(name)));
+    // Had the record outlived its pass, the next one would find it TERMINATED.
+    EXPECT_EQ(0u, daemon_->CountLines("Process crash_fail got unexpected TERMINATED state"));
+
+    for (size_t i = 0; i < pids.size(); ++i) {
+        std::map<std::string, std::string> record =
+            ReadProbeRecord(sandbox_->Path("/out/crash_fail/" + std::to_string(pids[i])));
+        EXPECT_EQ(i == 0 ? "0" : "1", record["env.IS_RESTART"]) << "incarnation " << i;
+    }
+}
+
+TEST_F(DeathsRun, OnForeverHasNoLimitAndNoPolicyEndsAtTheFirstDeath)
+{
+    EXPECT_TRUE(WaitUntil([&] { return StartedPids(*daemon_, "forever_zero").size() > 7; }, LOOP_TIMEOUT_MS))
+        << daemon_->Log();
+    EXPECT_EQ(0u, daemon_->CountLines("Process=forever_zero has restart"));
+    EXPECT_EQ(0u, daemon_->CountLines("Process forever_zero removed"));
+
+    pid_t pid = PidOfRemoved("no_policy");
+    ASSERT_NE(0, pid) << daemon_->Log();
+    long unexpected = IndexOfExact(*daemon_, CheckLine("no_policy", pid, "unexpectedly terminated."));
+    long refused = IndexOfExact(*daemon_, CheckLine("no_policy", pid, "doesn't need to restart"));
+    EXPECT_LE(0, unexpected);
+    EXPECT_LT(unexpected, refused);
+    EXPECT_LT(refused, IndexOfExact(*daemon_, Removed("no_policy")));
+    EXPECT_EQ(0u, daemon_->CountLines("owner=no_policy, pid=" + std::to_string(pid) + ", state=TERMINATED will"));
+}
+
+TEST_F(DeathsRun, EachKindOfDeathGivesItsExitLineAndReason)
+{
+    pid_t segv = PidOfRemoved("segv");
+    pid_t killed = PidOfRemoved("killed");
+    pid_t ioError = PidOfRemoved("io_error");
+    pid_t exit3 = PidOfRemoved("exit3");
+    ASSERT_TRUE(segv != 0 && killed != 0 && ioError != 0 && exit3 != 0) << daemon_->Log();
+
+    EXPECT_EQ(1u, CountExact(*daemon_, ExitLine("segv", segv, "got unexpected signal=11")));
+    EXPECT_EQ(1u, CountExact(*daemon_, "STAVIK: appName=segv, pid=" + std::to_string(SEGV_GID) +
+                                           ", terminated as coredump error"));
+    EXPECT_EQ(1u, CountExact(*daemon_, ExitLine("killed", killed, "terminated by calling Kill(), signal=9")));
+    EXPECT_EQ(1u, CountExact(*daemon_, ExitLine("io_error", ioError,
+                                                "was self terminated, the exit status is 125.")));
+    EXPECT_EQ(1u, CountExact(*daemon_, "STAVIK: appName=io_error, pid=" + std::to_string(IO_ERROR_GID) +
+                                           ", terminated as input/output error"));
+    EXPECT_EQ(1u, CountExact(*daemon_, ExitLine("exit3", exit3, "was self terminated, the exit status is 3.")));
+    EXPECT_EQ(1u, CountExact(*daemon_, "STAVIK : RUNNING to TERMINATED appName=exit3, pid=" + std::to_string(exit3)));
+    // SIGKILL and a plain exit code carry no reason.
+    EXPECT_EQ(0u, daemon_->CountLines("STAVIK: appName=killed, pid="));
+    EXPECT_EQ(0u, daemon_->CountLines("STAVIK: appName=exit3, pid="));
+    EXPECT_EQ(0u, daemon_->CountLines(UNMATCHED_DEATH));
+}
+
+// No zombie, exactly one live child per service, the latest one started, and
+// an exit status filed for every earlier one.
+bool EachServiceHasOneLiveChild(const DaemonProcess& daemon, size_t services)
+{
+    std::vector<BaseAppStart> starts = BaseAppStarts(daemon);
+    std::map<std::string, pid_t> latest;
+    for (const BaseAppStart& start : starts) {
+        latest[start.name] = start.pid;
+    }
+    std::map<pid_t, char> children = ChildrenOf(daemon.Pid());
+    for (const auto& child : children) {
+        if (child.second == 'Z') {
+            return false;
+        }
+    }
+    for (const auto& service : latest) {
+        if (children.count(service.second) == 0) {
+            return false;
+        }
+    }
+    return latest.size() == services && children.size() == services &&
+           daemon.CountLines("STAVIK : SetExitStatus ") == starts.size() - services;
+}
+
+// Several hundred deaths in bursts: every one is reaped and filed with its
+// record, and once the services settle each has exactly one live child.
+TEST(SupervisionStorm, BurstsOfDeathsLeaveNoZombieAndNoUnmatchedDeath)
+{
+    const size_t services = 12;
+    const size_t restartsWanted = 400;
+    Sandbox sandbox;
+    const std::string dieFlag = sandbox.Path("/run/storm_on");
+    std::vector<ServiceSpec> specs;
+    for (size_t i = 0; i < services; ++i) {
+        specs.push_back(ProbeService("storm_" + std::to_string(10 + i),
+                                     {"--die-while", dieFlag, "--after-ms", "5", "--exit", "0"}));
+        specs.back().restart = "on-forever";
+    }
+    DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", ManifestText(specs))}, NO_OPEN_WAIT);
+    // Killed before the boot has filed its record, a child would die unowned.
+    ASSERT_NE("", daemon.WaitForLine(" InitBaseApplication end", LOOP_TIMEOUT_MS)) << daemon.Log();
+    ASSERT_EQ(services, BaseAppStarts(daemon).size()) << daemon.Log();
+
+    // The first incarnations live until they are killed together; from then on each dies young.
+    sandbox.WriteFile("/run/storm_on", "");
+    for (const BaseAppStart& start : BaseAppStarts(daemon)) {
+        kill(start.pid, SIGKILL);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return BaseAppStarts(daemon).size() >= services + restartsWanted; },
+                          LOOP_TIMEOUT_MS));
+    unlink(dieFlag.c_str());
+
+    auto settled = [&] { return EachServiceHasOneLiveChild(daemon, services); };
+    EXPECT_TRUE(WaitUntil(settled, LOOP_TIMEOUT_MS))
+        << "starts=" << BaseAppStarts(daemon).size() << " exit statuses=" << daemon.CountLines("STAVIK : SetExitStatus ")
+        << " children=" << ChildrenOf(daemon.Pid()).size();
+    EXPECT_EQ(0u, daemon.CountLines(UNMATCHED_DEATH)) << daemon.WaitForLine(UNMATCHED_DEATH, 0);
+    EXPECT_EQ(0u, daemon.CountLines("restart failed"));
+}
+
+} // namespace
+} // namespace Test
+} // namespace Stavik
