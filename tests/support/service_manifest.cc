@@ -3,8 +3,10 @@
 #include <dirent.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <regex>
 #include <sstream>
 
@@ -12,7 +14,8 @@ namespace Stavik {
 namespace Test {
 namespace {
 
-// Double-quoted YAML scalar, so that tokens like "&&" or "$(x)" reach the daemon as they are.
+// Double-quoted YAML scalar, so that tokens like "&&", "$(x)", patterns like
+// "${a*}" and JSON texts reach the daemon as they are.
 std::string Quoted(const std::string& text)
 {
     std::string out = "\"";
@@ -34,35 +37,75 @@ std::string QuotedList(const std::vector<std::string>& items)
     return out + "]";
 }
 
-std::string EntryText(const ServiceSpec& service)
+void WriteMap(std::ostream& out, const std::string& key, const std::map<std::string, std::string>& values)
+{
+    if (values.empty()) {
+        return;
+    }
+    out << "    " << key << ":\n";
+    for (const auto& entry : values) {
+        out << "      " << Quoted(entry.first) << ": " << Quoted(entry.second) << "\n";
+    }
+}
+
+void WriteText(std::ostream& out, const std::string& key, const std::string& value)
+{
+    if (!value.empty()) {
+        out << "    " << key << ": " << Quoted(value) << "\n";
+    }
+}
+
+void WriteList(std::ostream& out, const std::string& key, const std::vector<std::string>& items)
+{
+    if (!items.empty()) {
+        out << "    " << key << ": " << QuotedList(items) << "\n";
+    }
+}
+
+template <class Number>
+void WriteNumber(std::ostream& out, const std::string& key, const std::optional<Number>& value)
+{
+    if (value) {
+        out << "    " << key << ": " << *value << "\n";
+    }
+}
+
+void WriteFlag(std::ostream& out, const std::string& key, bool value)
+{
+    if (value) {
+        out << "    " << key << ": true\n";
+    }
+}
+
+std::optional<int64_t> UnlessZero(int64_t value)
+{
+    return value == 0 ? std::nullopt : std::optional<int64_t>(value);
+}
+
+std::string EntryText(const AppEntry& entry)
 {
     std::ostringstream out;
-    out << "  - name: " << Quoted(service.name) << "\n";
-    out << "    bin_path: " << Quoted(service.binPath) << "\n";
-    out << "    args: " << QuotedList(service.args) << "\n";
-    out << "    uid: " << service.uid << "\n    gid: " << service.gid << "\n";
-    if (!service.env.empty()) {
-        out << "    env:\n";
-        for (const auto& entry : service.env) {
-            out << "      " << Quoted(entry.first) << ": " << Quoted(entry.second) << "\n";
-        }
+    out << "  - name: " << Quoted(entry.name) << "\n";
+    WriteText(out, "bin_path", entry.binPath);
+    WriteList(out, "args", entry.args);
+    WriteNumber(out, "uid", UnlessZero(entry.uid));
+    WriteNumber(out, "gid", UnlessZero(entry.gid));
+    WriteNumber(out, "nice", UnlessZero(entry.nice));
+    WriteList(out, "depends", entry.depends);
+    WriteMap(out, "env", entry.env);
+    WriteMap(out, "match", entry.match);
+    WriteText(out, "restart", entry.restart);
+    if (entry.heartBeat) {
+        out << "    heartbeat: {enable: " << (entry.heartBeat->enable ? "true" : "false")
+            << ", interval: " << entry.heartBeat->interval << ", count: " << entry.heartBeat->count << "}\n";
     }
-    if (!service.restart.empty()) {
-        out << "    restart: " << Quoted(service.restart) << "\n";
-    }
-    if (!service.depends.empty()) {
-        out << "    depends: " << QuotedList(service.depends) << "\n";
-    }
-    if (service.nice != 0) {
-        out << "    nice: " << service.nice << "\n";
-    }
-    if (service.heartBeat) {
-        out << "    heartbeat: {enable: " << (service.heartBeat->enable ? "true" : "false")
-            << ", interval: " << service.heartBeat->interval << ", count: " << service.heartBeat->count << "}\n";
-    }
-    if (!service.startupEntryPath.empty()) {
-        out << "    startup_entry_path: " << Quoted(service.startupEntryPath) << "\n";
-    }
+    WriteText(out, "startup_entry_path", entry.startupEntryPath);
+    WriteText(out, "vf_id_pattern", entry.vfIdPattern);
+    WriteNumber(out, "startup_priority", entry.startupPriority);
+    WriteNumber(out, "term_timeout_ms", entry.termTimeoutMs);
+    WriteFlag(out, "reporting", entry.reporting);
+    WriteFlag(out, "dynamic_para", entry.dynamicPara);
+    WriteFlag(out, "force_term", entry.forceTerm);
     return out.str();
 }
 
@@ -94,25 +137,56 @@ bool ReadStat(const std::string& pidText, char& state, pid_t& ppid)
 
 } // namespace
 
-std::string ManifestText(const std::vector<ServiceSpec>& services)
+std::string AppsText(const std::vector<AppEntry>& entries)
 {
-    if (services.empty()) {
-        return "apps: []\n";
-    }
-    std::string text = "apps:\n";
-    for (const ServiceSpec& service : services) {
-        text += EntryText(service);
+    std::string text = entries.empty() ? "apps: []\n" : "apps:\n";
+    for (const AppEntry& entry : entries) {
+        text += EntryText(entry);
     }
     return text;
 }
 
-ServiceSpec ProbeService(const std::string& name, const std::vector<std::string>& args)
+AppEntry ProbeApp(const std::string& name, const std::vector<std::string>& args)
 {
-    ServiceSpec service;
-    service.name = name;
-    service.binPath = BuiltProgram("tests/probe_child");
-    service.args = args;
-    return service;
+    AppEntry entry;
+    entry.name = name;
+    entry.binPath = BuiltProgram("tests/probe_child");
+    entry.args = args;
+    return entry;
+}
+
+AppEntry DummyOwner(const std::string& name, const std::string& startupEntryPath)
+{
+    AppEntry entry = ProbeApp(name);
+    entry.reporting = true;
+    entry.startupEntryPath = startupEntryPath;
+    return entry;
+}
+
+AppEntry ToolOwner(const std::string& name, const std::vector<std::string>& requests)
+{
+    AppEntry entry;
+    entry.name = name;
+    entry.binPath = BuiltProgram("client/stavik-owner");
+    entry.args = {"--name", name};
+    for (const std::string& request : requests) {
+        entry.args.push_back("--request");
+        entry.args.push_back(request);
+    }
+    entry.reporting = true;
+    return entry;
+}
+
+std::string CopyProgram(const Sandbox& sandbox, const std::string& program, const std::string& systemPath)
+{
+    std::string path = sandbox.Path(systemPath);
+    MakeDirs(path.substr(0, path.rfind('/')));
+    std::ifstream in(program, std::ios::binary);
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << in.rdbuf();
+    out.close();
+    chmod(path.c_str(), 0755);
+    return path;
 }
 
 std::map<std::string, std::string> ReadProbeRecord(const std::string& path)

@@ -21,8 +21,9 @@ struct HeartBeatSpec {
     uint32_t count = 0;
 };
 
-// One entry of a base-service manifest; empty or default members are left out.
-struct ServiceSpec {
+// One entry of a base-service manifest or of a start-up entry file; empty or
+// default members are left out.
+struct AppEntry {
     std::string name;
     std::string binPath;
     std::vector<std::string> args;
@@ -33,12 +34,27 @@ struct ServiceSpec {
     std::vector<std::string> depends;
     int nice = 0;
     std::optional<HeartBeatSpec> heartBeat;
+    std::map<std::string, std::string> match;
     std::string startupEntryPath;
+    std::string vfIdPattern;
+    std::optional<int> startupPriority;
+    std::optional<uint32_t> termTimeoutMs;
+    bool reporting = false;
+    bool dynamicPara = false;
+    bool forceTerm = false;
 };
 
-std::string ManifestText(const std::vector<ServiceSpec>& services);
-// A service whose binary is the test helper probe_child.
-ServiceSpec ProbeService(const std::string& name, const std::vector<std::string>& args);
+std::string AppsText(const std::vector<AppEntry>& entries);
+// An application whose binary is the test helper probe_child.
+AppEntry ProbeApp(const std::string& name, const std::vector<std::string>& args = {});
+// A reporting base service that only sleeps: the test process plays its
+// pipe under the same name, so the dummy needs to do nothing at all.
+AppEntry DummyOwner(const std::string& name, const std::string& startupEntryPath = "");
+// A reporting base service that is a real stavik-owner process sending these
+// JSON requests once the daemon's pipe is up.
+AppEntry ToolOwner(const std::string& name, const std::vector<std::string>& requests);
+// Copies a program to a path under the sandbox root, executable, and returns the full path.
+std::string CopyProgram(const Sandbox& sandbox, const std::string& program, const std::string& systemPath);
 
 // The "key=value" lines of a probe_child record; {} while it doesn't exist.
 std::map<std::string, std::string> ReadProbeRecord(const std::string& path);

@@ -72,7 +72,7 @@ protected:
         sandbox_->WriteFile("/etc/passwd", PASSWD);
         out_ = OutDir(*sandbox_);
         services_ = Services();
-        manifest_ = sandbox_->WriteFile("/etc/base_services.yaml", ManifestText(services_));
+        manifest_ = sandbox_->WriteFile("/etc/base_services.yaml", AppsText(services_));
         daemon_ = new DaemonProcess(*sandbox_, {manifest_});
         bootEnded_ = BootEnded(*daemon_);
         daemonEnv_ = ProcessEnviron(daemon_->Pid());
@@ -92,64 +92,64 @@ protected:
     }
 
     // Listed out of name order on purpose: the start order must not follow the file.
-    static std::vector<ServiceSpec> Services()
+    static std::vector<AppEntry> Services()
     {
-        ServiceSpec idFails = ProbeService("svc_id", {"--out", out_ + "/svc_id.rec"});
+        AppEntry idFails = ProbeApp("svc_id", {"--out", out_ + "/svc_id.rec"});
         idFails.binPath = ProbeCopy(*sandbox_, "probe_of_4242", NO_SUCH_USER, 0755);
         idFails.uid = NO_SUCH_USER;
         idFails.gid = NO_SUCH_USER;
 
-        ServiceSpec execFails = ProbeService("svc_b", {});
+        AppEntry execFails = ProbeApp("svc_b", {});
         execFails.binPath = sandbox_->WriteFile("/bin/not_a_program", "this is no program\n");
         chmod(execFails.binPath.c_str(), 0755);
 
-        ServiceSpec missing = ProbeService("svc_c", {});
+        AppEntry missing = ProbeApp("svc_c", {});
         missing.binPath = sandbox_->Path("/bin/absent");
 
-        ServiceSpec root = Probe("Svc_Z");
+        AppEntry root = Probe("Svc_Z");
         root.nice = 7;
         root.env = {{"A_KEY", "a&&b $(c)"}, {"LD_PRELOAD", "/opt/libasan.so.6"}};
         root.heartBeat = HeartBeatSpec{true, 250, 1};
         root.startupEntryPath = "/etc/entry/svc_z.yaml";
 
-        ServiceSpec nobody = Probe("svc-a");
+        AppEntry nobody = Probe("svc-a");
         nobody.uid = NOBODY;
         nobody.gid = NOBODY;
         nobody.nice = -3;
         nobody.env = {{"HOME", "/from/manifest"}};
         nobody.heartBeat = HeartBeatSpec{true, 50, 1001};
 
-        ServiceSpec rootOtherGroup = Probe("svc10");
+        AppEntry rootOtherGroup = Probe("svc10");
         rootOtherGroup.gid = 1;
         rootOtherGroup.env = {{"LD_PRELOAD", "libfake_preload.so"}};
         rootOtherGroup.heartBeat = HeartBeatSpec{false, 500, 5};
 
-        ServiceSpec nobodyOtherGroup = Probe("svc9");
+        AppEntry nobodyOtherGroup = Probe("svc9");
         nobodyOtherGroup.uid = NOBODY;
         nobodyOtherGroup.gid = 1;
         nobodyOtherGroup.heartBeat = HeartBeatSpec{true, 70000, 0};
 
-        ServiceSpec plain = Probe("svc_a");
+        AppEntry plain = Probe("svc_a");
         plain.heartBeat = HeartBeatSpec{true, 0, 2};
 
-        ServiceSpec dependant = Probe("after_z");
+        AppEntry dependant = Probe("after_z");
         dependant.depends = {"svc_z"};
 
         return {Probe("svc_z"), nobodyOtherGroup, idFails, dependant, plain, root, missing,
                 execFails, rootOtherGroup, nobody};
     }
 
-    static ServiceSpec Probe(const std::string& name)
+    static AppEntry Probe(const std::string& name)
     {
-        return ProbeService(name, {"--out", out_ + "/" + name + ".rec"});
+        return ProbeApp(name, {"--out", out_ + "/" + name + ".rec"});
     }
 
     // The manifest entry of a name; an empty one for a name the manifest doesn't have.
-    static const ServiceSpec& Spec(const std::string& name)
+    static const AppEntry& Spec(const std::string& name)
     {
-        static const ServiceSpec none;
+        static const AppEntry none;
         auto found = std::find_if(services_.begin(), services_.end(),
-                                  [&](const ServiceSpec& service) { return service.name == name; });
+                                  [&](const AppEntry& service) { return service.name == name; });
         return found == services_.end() ? none : *found;
     }
 
@@ -161,7 +161,7 @@ protected:
     }
 
     // The daemon's own environment plus what the base variant sets.
-    static std::map<std::string, std::string> ExpectedEnv(const ServiceSpec& service)
+    static std::map<std::string, std::string> ExpectedEnv(const AppEntry& service)
     {
         std::map<std::string, std::string> env = daemonEnv_;
         for (const auto& entry : service.env) {
@@ -224,7 +224,7 @@ protected:
     static DaemonProcess* daemon_;
     static std::string out_;
     static std::string manifest_;
-    static std::vector<ServiceSpec> services_;
+    static std::vector<AppEntry> services_;
     static bool bootEnded_;
     static std::map<std::string, std::string> daemonEnv_;
     static int daemonNice_;
@@ -234,7 +234,7 @@ Sandbox* BaseStartRun::sandbox_ = nullptr;
 DaemonProcess* BaseStartRun::daemon_ = nullptr;
 std::string BaseStartRun::out_;
 std::string BaseStartRun::manifest_;
-std::vector<ServiceSpec> BaseStartRun::services_;
+std::vector<AppEntry> BaseStartRun::services_;
 bool BaseStartRun::bootEnded_ = false;
 std::map<std::string, std::string> BaseStartRun::daemonEnv_;
 int BaseStartRun::daemonNice_ = 0;
@@ -298,7 +298,7 @@ TEST_F(BaseStartRun, ChildRunsWithItsIdentityAndTheDaemonsNiceValue)
     for (const std::string& name : HEALTHY) {
         std::map<std::string, std::string> record = WaitForRecord(name);
         ASSERT_FALSE(record.empty()) << name;
-        const ServiceSpec& spec = Spec(name);
+        const AppEntry& spec = Spec(name);
         EXPECT_EQ(std::to_string(spec.uid), record["uid"]) << name;
         EXPECT_EQ(std::to_string(spec.gid), record["gid"]) << name;
         EXPECT_EQ(SupplementaryGroupsOf(spec.uid), ParseGroups(record["groups"])) << name;
@@ -331,19 +331,19 @@ TEST(BaseStartRefusal, RefusedServicesAreNotForkedAndTheBootGoesOn)
 {
     Sandbox sandbox;
     std::string out = OutDir(sandbox);
-    ServiceSpec badArgs = ProbeService("a_args", {"--out", out + "/a_args.rec", "x&&y"});
-    ServiceSpec missing = ProbeService("b_missing", {});
+    AppEntry badArgs = ProbeApp("a_args", {"--out", out + "/a_args.rec", "x&&y"});
+    AppEntry missing = ProbeApp("b_missing", {});
     missing.binPath = sandbox.Path("/bin/absent");
-    ServiceSpec rootNoExec = ProbeService("c_noexec", {"--out", out + "/c_noexec.rec"});
+    AppEntry rootNoExec = ProbeApp("c_noexec", {"--out", out + "/c_noexec.rec"});
     rootNoExec.binPath = ProbeCopy(sandbox, "probe_0644", 0, 0644);
-    ServiceSpec ownerNoExec = ProbeService("c_owner", {"--out", out + "/c_owner.rec"});
+    AppEntry ownerNoExec = ProbeApp("c_owner", {"--out", out + "/c_owner.rec"});
     ownerNoExec.binPath = ProbeCopy(sandbox, "probe_0655", NOBODY, 0655);
     ownerNoExec.uid = NOBODY;
     ownerNoExec.gid = NOBODY;
-    ServiceSpec dependant = ProbeService("d_dep", {"--out", out + "/d_dep.rec"});
+    AppEntry dependant = ProbeApp("d_dep", {"--out", out + "/d_dep.rec"});
     dependant.depends = {"a_args"};
     std::string manifest = sandbox.WriteFile(
-        "/etc/base.yaml", ManifestText({dependant, ownerNoExec, rootNoExec, missing, badArgs}));
+        "/etc/base.yaml", AppsText({dependant, ownerNoExec, rootNoExec, missing, badArgs}));
 
     DaemonProcess daemon(sandbox, {manifest});
     ASSERT_TRUE(BootEnded(daemon)) << daemon.Log();

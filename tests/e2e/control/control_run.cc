@@ -2,8 +2,6 @@
 
 #include <signal.h>
 
-#include "tests/support/service_manifest.h"
-
 namespace Stavik {
 namespace Test {
 namespace {

@@ -10,8 +10,8 @@
 
 #include "app/process_state.h"
 #include "tests/support/daemon_process.h"
-#include "tests/support/owner_manifest.h"
 #include "tests/support/played_owners.h"
+#include "tests/support/service_manifest.h"
 
 namespace Stavik {
 namespace Test {

@@ -4,7 +4,6 @@
 
 #include <regex>
 
-#include "tests/support/owner_manifest.h"
 #include "tests/support/played_owners.h"
 #include "tests/support/service_manifest.h"
 

@@ -5,7 +5,6 @@
 #include <signal.h>
 
 #include "app/process_state.h"
-#include "tests/support/owner_manifest.h"
 #include "tests/support/played_owners.h"
 #include "tests/support/service_manifest.h"
 

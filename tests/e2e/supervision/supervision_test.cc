@@ -47,22 +47,22 @@ protected:
     {
         sandbox_ = new Sandbox();
         MakeDirs(sandbox_->Path("/out/crash_fail"));
-        ServiceSpec crashFail = ProbeService("crash_fail", {"--out-dir", sandbox_->Path("/out/crash_fail"),
+        AppEntry crashFail = ProbeApp("crash_fail", {"--out-dir", sandbox_->Path("/out/crash_fail"),
                                                             "--after-ms", LIFETIME_MS, "--exit", "1"});
         crashFail.restart = "on-failure";
-        ServiceSpec forever = ProbeService("forever_zero", {"--after-ms", LIFETIME_MS, "--exit", "0"});
+        AppEntry forever = ProbeApp("forever_zero", {"--after-ms", LIFETIME_MS, "--exit", "0"});
         forever.restart = "on-forever";
-        ServiceSpec segv = ProbeService("segv", {"--after-ms", LIFETIME_MS, "--no-core", "--signal", "11"});
+        AppEntry segv = ProbeApp("segv", {"--after-ms", LIFETIME_MS, "--no-core", "--signal", "11"});
         segv.gid = SEGV_GID;
-        ServiceSpec ioError = ProbeService("io_error", {"--after-ms", LIFETIME_MS, "--exit", "125"});
+        AppEntry ioError = ProbeApp("io_error", {"--after-ms", LIFETIME_MS, "--exit", "125"});
         ioError.gid = IO_ERROR_GID;
-        std::vector<ServiceSpec> services = {
+        std::vector<AppEntry> services = {
             crashFail, forever, segv, ioError,
-            ProbeService("no_policy", {"--after-ms", LIFETIME_MS, "--exit", "0"}),
-            ProbeService("killed", {"--after-ms", LIFETIME_MS, "--signal", "9"}),
-            ProbeService("exit3", {"--after-ms", LIFETIME_MS, "--exit", "3"}),
+            ProbeApp("no_policy", {"--after-ms", LIFETIME_MS, "--exit", "0"}),
+            ProbeApp("killed", {"--after-ms", LIFETIME_MS, "--signal", "9"}),
+            ProbeApp("exit3", {"--after-ms", LIFETIME_MS, "--exit", "3"}),
         };
-        std::string manifest = sandbox_->WriteFile("/etc/base.yaml", ManifestText(services));
+        std::string manifest = sandbox_->WriteFile("/etc/base.yaml", AppsText(services));
         daemon_ = new DaemonProcess(*sandbox_, {manifest}, NO_OPEN_WAIT);
     }
 
@@ -196,13 +196,13 @@ TEST(SupervisionStorm, BurstsOfDeathsLeaveNoZombieAndNoUnmatchedDeath)
     const size_t restartsWanted = 400;
     Sandbox sandbox;
     const std::string dieFlag = sandbox.Path("/run/storm_on");
-    std::vector<ServiceSpec> specs;
+    std::vector<AppEntry> specs;
     for (size_t i = 0; i < services; ++i) {
-        specs.push_back(ProbeService("storm_" + std::to_string(10 + i),
+        specs.push_back(ProbeApp("storm_" + std::to_string(10 + i),
                                      {"--die-while", dieFlag, "--after-ms", "5", "--exit", "0"}));
         specs.back().restart = "on-forever";
     }
-    DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", ManifestText(specs))}, NO_OPEN_WAIT);
+    DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", AppsText(specs))}, NO_OPEN_WAIT);
     // Killed before the boot has filed its record, a child would die unowned.
     ASSERT_NE("", daemon.WaitForLine(" InitBaseApplication end", LOOP_TIMEOUT_MS)) << daemon.Log();
     ASSERT_EQ(services, BaseAppStarts(daemon).size()) << daemon.Log();

@@ -97,12 +97,6 @@ TEST(AppRecord, ConstructorsAndPlaceholder)
     GeneralAppInfo placeholder;
     EXPECT_EQ(placeholder.reportState_, INVALID_INTERMEDIATE_STATE);
     EXPECT_EQ(placeholder.state_, INITSTATE);
-    EXPECT_EQ(placeholder.schedPolicy_, 5u);
-    EXPECT_EQ(placeholder.rtPrio_, -1);
-    EXPECT_EQ(placeholder.startupPriority_, -1);
-    EXPECT_EQ(placeholder.vfId_, -1);
-    EXPECT_EQ(placeholder.termTimeOut_, 0u);
-    EXPECT_TRUE(placeholder.execPath_.empty() && placeholder.homeEnv_.empty());
 }
 
 TEST(AppRecord, UpdateAppInfoTakesOnlyTheStartDescription)

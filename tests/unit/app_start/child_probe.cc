@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "core/boot_context.h"
 #include "tests/support/daemon_process.h"
@@ -59,19 +58,6 @@ void KillAndReap(pid_t pid)
     kill(pid, SIGKILL);
     int status = 0;
     WaitUntil([&] { return waitpid(pid, &status, WNOHANG) != 0; });
-}
-
-std::map<std::string, std::string> ReadProbeRecord(const std::string& path)
-{
-    std::map<std::string, std::string> record;
-    std::istringstream lines(ReadWholeFile(path));
-    for (std::string line; std::getline(lines, line);) {
-        size_t equal = line.find('=');
-        if (equal != std::string::npos) {
-            record[line.substr(0, equal)] = line.substr(equal + 1);
-        }
-    }
-    return record;
 }
 
 void CopyProbe(const std::string& path, mode_t mode, uid_t owner, gid_t group)

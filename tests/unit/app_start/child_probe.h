@@ -3,11 +3,12 @@
 
 #include <sys/types.h>
 
-#include <map>
 #include <string>
 
-// Children for the tests: the daemon's anonymous pipe, bounded waits, and the
-// record the probe child writes.
+#include "tests/support/service_manifest.h"
+
+// Children for the tests: the daemon's anonymous pipe, bounded waits and
+// copies of the probe child.
 
 namespace Stavik {
 namespace Test {
@@ -31,8 +32,6 @@ private:
 int ReapChild(pid_t pid);
 void KillAndReap(pid_t pid);
 
-// "key=value" lines of the probe's record; env.NAME keys hold the environment.
-std::map<std::string, std::string> ReadProbeRecord(const std::string& path);
 void CopyProbe(const std::string& path, mode_t mode, uid_t owner, gid_t group);
 
 // A child that waits for a signal; killed and reaped at the end unless reaped before.

@@ -243,18 +243,6 @@ TEST_F(StateMachineTest, DeadAndMeaninglessStates)
     EXPECT_TRUE(HasLine(LOG_ERR, "CheckState : pid <= 0, don't call waitpid(), currentState=1"));
 }
 
-TEST_F(StateMachineTest, QueryStoppedTellsAStoppedChild)
-{
-    Support::SleepingChild child;
-    GeneralAppInfo app = General(RUNNING, child.Pid());
-    ASSERT_EQ(kill(child.Pid(), SIGSTOP), 0);
-    int32_t answer = 0;
-    Support::WaitUntil([&] { return (answer = app.QueryStopped()) != 0; });
-    EXPECT_EQ(answer, 2);
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : app=sm, pid=" + std::to_string(child.Pid()) + ", stopped"));
-    EXPECT_EQ(General(RUNNING, 1).QueryStopped(), 1);
-}
-
 } // namespace
 } // namespace App
 } // namespace Stavik

@@ -79,14 +79,6 @@ protected:
         }
     }
 
-    // True when the child ended by SIGTERM, waiting for that up to 10 s.
-    static bool EndsBySigterm(int32_t pid)
-    {
-        int status = 0;
-        return pid > 0 && Support::WaitUntil([pid, &status] { return waitpid(pid, &status, WNOHANG) == pid; }) &&
-               WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM;
-    }
-
     static ManifestData Probe(const std::string& name, const std::vector<std::string>& args = {})
     {
         ManifestData data;

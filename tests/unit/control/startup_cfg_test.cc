@@ -46,35 +46,6 @@ protected:
     }
 };
 
-TEST_F(StartupCfg, PriorityAppsStartLowestNumberFirstThenByName)
-{
-    auto withPriority = [](const std::string& name, int priority) {
-        return Entry(name, "    startup_priority: " + std::to_string(priority) + "\n");
-    };
-    std::string startup = WriteApps("/etc/ownerA_startup.yaml", {withPriority("b", 5), withPriority("z", 1),
-                                                                 withPriority("a", 1), withPriority("neg", -3),
-                                                                 Entry("later")});
-    std::string base = WriteApps("/etc/base.yaml", {Entry("ownerA", "    startup_entry_path: " + startup + "\n"),
-                                                    Entry("ownerB")});
-
-    daemon_->InitPriorityApps(base);
-
-    EXPECT_EQ((std::vector<std::string>{"neg", "a", "z", "b"}), StartedInOrder());
-    EXPECT_EQ(1u, Count("stavik-daemon Load startupEntryPath=" + startup + " cfg"));
-    EXPECT_EQ(LOG_INFO, LevelOf("stavik-daemon load startup priority app name=b, startup priority=5, owner=ownerA"));
-    EXPECT_EQ(LOG_INFO, LevelOf("InitPriorityApps load priority apps cfg finish"));
-    EXPECT_EQ(LOG_INFO, LevelOf("InitPriorityApps start priority apps finish"));
-    AppPtr a = Lookup("a", "someone");
-    EXPECT_TRUE(IsLive("a"));
-    EXPECT_EQ(STARTING, a->state_);
-    EXPECT_TRUE(a->isStartedAsPriority_);
-    EXPECT_EQ("ownerA", a->ownerName_);
-    // Without a priority an entry is neither started nor known until its owner loads the file.
-    EXPECT_EQ(nullptr, Lookup("later"));
-    EXPECT_EQ(0u, Load(startup));
-    EXPECT_NE(nullptr, Lookup("later"));
-}
-
 TEST_F(StartupCfg, FailuresAtBootStopNeitherTheLoopNorTheBoot)
 {
     Store({Probe("fine"), Broken("broken")});
