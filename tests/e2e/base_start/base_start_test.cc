@@ -145,7 +145,7 @@ protected:
     }
 
     // The manifest entry of a name; an empty one for a name the manifest doesn't have.
-    static const AppEntry& Spec(const std::string& name)
+    static const AppEntry& EntryOf(const std::string& name)
     {
         static const AppEntry none;
         auto found = std::find_if(services_.begin(), services_.end(),
@@ -246,13 +246,13 @@ TEST_F(BaseStartRun, IndependentServicesStartInByteOrderOfTheirNames)
     std::vector<std::string> names;
     for (const BaseAppStart& start : BaseAppStarts(*daemon_)) {
         EXPECT_TRUE(start.wellFormed) << start.name;
-        EXPECT_EQ(Spec(start.name).binPath, start.binPath);
+        EXPECT_EQ(EntryOf(start.name).binPath, start.binPath);
         names.push_back(start.name);
     }
     EXPECT_EQ((std::vector<std::string>{"Svc_Z", "svc-a", "svc10", "svc9", "svc_a", "svc_b", "svc_id", "svc_z"}),
               names);
     // The refused service between them doesn't stop the boot: the next name still starts.
-    long refused = IndexOfExact(*daemon_, "STAVIK : Start App=svc_c failed, binPath=" + Spec("svc_c").binPath +
+    long refused = IndexOfExact(*daemon_, "STAVIK : Start App=svc_c failed, binPath=" + EntryOf("svc_c").binPath +
                                               " is not existed !!!");
     EXPECT_LT(daemon_->IndexOf("Start baseApp success appName=svc_b,"), refused);
     EXPECT_LT(refused, daemon_->IndexOf("Start baseApp success appName=svc_id,"));
@@ -279,7 +279,7 @@ TEST_F(BaseStartRun, ChildEnvironmentHoldsExactlyTheBaseVariables)
     for (const std::string& name : HEALTHY) {
         std::map<std::string, std::string> record = WaitForRecord(name);
         ASSERT_FALSE(record.empty()) << name;
-        std::map<std::string, std::string> expected = ExpectedEnv(Spec(name));
+        std::map<std::string, std::string> expected = ExpectedEnv(EntryOf(name));
         if (name == "Svc_Z") {
             expected.insert({{"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "200"}, {"GRP_HB_COUNT", "3"}});
         } else if (name == "svc-a") {
@@ -298,10 +298,10 @@ TEST_F(BaseStartRun, ChildRunsWithItsIdentityAndTheDaemonsNiceValue)
     for (const std::string& name : HEALTHY) {
         std::map<std::string, std::string> record = WaitForRecord(name);
         ASSERT_FALSE(record.empty()) << name;
-        const AppEntry& spec = Spec(name);
-        EXPECT_EQ(std::to_string(spec.uid), record["uid"]) << name;
-        EXPECT_EQ(std::to_string(spec.gid), record["gid"]) << name;
-        EXPECT_EQ(SupplementaryGroupsOf(spec.uid), ParseGroups(record["groups"])) << name;
+        const AppEntry& entry = EntryOf(name);
+        EXPECT_EQ(std::to_string(entry.uid), record["uid"]) << name;
+        EXPECT_EQ(std::to_string(entry.gid), record["gid"]) << name;
+        EXPECT_EQ(SupplementaryGroupsOf(entry.uid), ParseGroups(record["groups"])) << name;
         // The base variant leaves the manifest's nice value alone.
         EXPECT_EQ(std::to_string(daemonNice_), record["nice"]) << name;
         EXPECT_EQ(std::to_string(StartedPids(*daemon_, name).at(0)), record["pid"]) << name;
@@ -312,7 +312,7 @@ TEST_F(BaseStartRun, ChildRunsWithItsIdentityAndTheDaemonsNiceValue)
 TEST_F(BaseStartRun, FailedExecLeavesTheChildsTextInTheLog)
 {
     // The exec failure replaces whatever the child gathered before.
-    std::string expected = "execv failed, execPath_=" + Spec("svc_b").binPath + ", errno=8;";
+    std::string expected = "execv failed, execPath_=" + EntryOf("svc_b").binPath + ", errno=8;";
     EXPECT_EQ(expected, ChildErrInfo("svc_b").substr(0, expected.size()));
     EXPECT_TRUE(DeathLogged("svc_b")) << daemon_->Log();
 }
