@@ -13,53 +13,22 @@
 //   anything else            echoed
 // A disconnected client is closed. Exit status 0 means every check held.
 #include <signal.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "client/zul_resource_client.h"
-#include "tubix.h"
+#include "ipc_shared.h"
 
 namespace {
 
-constexpr uint32_t SEQ_FILLER_SPREAD = 97;
-constexpr int SEND_ATTEMPTS = 20000;
-
-void SleepMs(long ms)
-{
-    struct timespec left = {ms / 1000, (ms % 1000) * 1000000L};
-    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
-}
-
-std::vector<uint8_t> SeqMessage(uint32_t seq)
-{
-    std::vector<uint8_t> message(5 + seq % SEQ_FILLER_SPREAD, static_cast<uint8_t>(seq));
-    message[0] = 'S';
-    memcpy(&message[1], &seq, sizeof(seq));
-    return message;
-}
-
-// Sends a request, waiting out a full socket.
-int32_t SendPatiently(int32_t fd, const void* data, uint32_t size)
-{
-    int32_t rc = -EAGAIN;
-    for (int attempt = 0; attempt < SEND_ATTEMPTS && rc == -EAGAIN; ++attempt) {
-        rc = TubixSendRequest(fd, TubixRequest{0, data, size});
-        if (rc == -EAGAIN) {
-            SleepMs(1);
-        }
-    }
-    return rc;
-}
+using IpcShared::SendPatiently;
+using IpcShared::SeqMessage;
 
 void Respond(int32_t fd, uint32_t id, const std::string& text)
 {
@@ -119,8 +88,7 @@ void Flush(int32_t fd, uint32_t id)
 void Push(int32_t fd, uint32_t count)
 {
     for (uint32_t seq = 0; seq < count; ++seq) {
-        std::vector<uint8_t> message = SeqMessage(seq);
-        if (SendPatiently(fd, message.data(), static_cast<uint32_t>(message.size())) != 0) {
+        if (SendPatiently(fd, SeqMessage(seq)) != 0) {
             return;
         }
     }
@@ -158,7 +126,7 @@ void ServeRequest(int32_t fd, const TubixRequest* req)
         }
     } else if (text == "stall") {
         while (true) {
-            SleepMs(1000);
+            IpcShared::SleepMs(1000);
         }
     } else {
         TubixSendResponse(fd, TubixResponse{req->id, const_cast<void*>(req->data), req->size});
@@ -178,20 +146,12 @@ int RunServer()
 
 int RunClient(const char* service, uint32_t count)
 {
-    TubixOpenParam param{};
-    param.procName = service;
-    param.handler = [](int32_t, const TubixRequest*) {};
-    param.priority = -1;
-    param.msgMode = 1;
-    param.retryOnMissing = 1;
-    param.timeoutMs = -1;
-    int32_t fd = TubixOpen(&param);
+    int32_t fd = IpcShared::OpenPipe(service, [](int32_t, const TubixRequest*) {}, -1);
     if (fd <= 0) {
         return 2;
     }
     for (uint32_t seq = 0; seq < count; ++seq) {
-        std::vector<uint8_t> message = SeqMessage(seq);
-        if (SendPatiently(fd, message.data(), static_cast<uint32_t>(message.size())) != 0) {
+        if (SendPatiently(fd, SeqMessage(seq)) != 0) {
             return 3;
         }
     }

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <type_traits>
-
 #include "app/app_info.h"
 #include "app/home_env.h"
 #include "app_test_util.h"
@@ -12,9 +10,6 @@ namespace {
 
 using AppTest::LevelOf;
 using AppTest::ScopedLogCapture;
-
-static_assert(std::is_copy_constructible<AppInfo>::value, "the check thread copies the AppInfo part");
-static_assert(std::is_copy_assignable<BaseAppInfo>::value, "erasing from the base list moves records down");
 
 AppInfo RtApp(const std::string& prio, const std::string& type, std::vector<uint32_t> cores = {})
 {
@@ -74,7 +69,7 @@ TEST(AppRecord, CoreSentinelAsksForFifo)
     EXPECT_FALSE(RtApp("", "").isDelayCoreAffinity_);
 }
 
-TEST(AppRecord, ConstructorsAndPlaceholder)
+TEST(AppRecord, GeneralAndBaseRecordsOfOneManifest)
 {
     ManifestData data;
     data.appName = "worker_${*}";
@@ -90,13 +85,8 @@ TEST(AppRecord, ConstructorsAndPlaceholder)
 
     BaseAppInfo base{ApplicationManifest(data)};
     EXPECT_EQ(base.appName_, "worker_${*}");
-    EXPECT_TRUE(base.ownerName_.empty());
     EXPECT_TRUE(base.homeEnv_.empty());
     EXPECT_TRUE(base.isReporting_);
-
-    GeneralAppInfo placeholder;
-    EXPECT_EQ(placeholder.reportState_, INVALID_INTERMEDIATE_STATE);
-    EXPECT_EQ(placeholder.state_, INITSTATE);
 }
 
 TEST(AppRecord, UpdateAppInfoTakesOnlyTheStartDescription)

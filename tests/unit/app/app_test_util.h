@@ -4,39 +4,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 
 #include "app/signals.h"
-#include "app/steady_clock.h"
 #include "core/log.h"
-#include "core/sleep.h"
+#include "tests/support/daemon_process.h"
 
 namespace Stavik {
 namespace AppTest {
 
-constexpr int64_t WAIT_LIMIT_MS = 10000;
-constexpr uint64_t POLL_STEP_NS = 5 * NS_PER_MS;
+using Test::WaitUntil;
 
-// Polls until done() holds or the limit has passed; true when it held.
-inline bool WaitUntil(const std::function<bool()>& done, int64_t limitMs = WAIT_LIMIT_MS)
+// Reaps a child of this process without blocking for longer than ten seconds.
+inline bool ReapWithin(pid_t pid, int* status)
 {
-    uint64_t begin = SteadyNowNs();
-    while (!done()) {
-        if (ElapsedMs(begin, SteadyNowNs()) > limitMs) {
-            return false;
-        }
-        SleepNs(POLL_STEP_NS);
-    }
-    return true;
-}
-
-// Reaps a child of this process without blocking for longer than the limit.
-inline bool ReapWithin(pid_t pid, int* status, int64_t limitMs = WAIT_LIMIT_MS)
-{
-    return WaitUntil([pid, status] { return waitpid(pid, status, WNOHANG) == pid; }, limitMs);
+    return WaitUntil([pid, status] { return waitpid(pid, status, WNOHANG) == pid; });
 }
 
 // A process counts as gone once its status can't be read or it is a zombie.

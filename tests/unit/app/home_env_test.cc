@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
 
 #include "app/home_env.h"
 #include "app_test_util.h"
+#include "tests/support/sandbox.h"
 
 namespace Stavik {
 namespace App {
@@ -19,14 +17,11 @@ using AppTest::ScopedLogCapture;
 // Reads "/etc/passwd" of a sandbox root, the way the daemon is given it.
 TEST(HomeEnv, HomeOfTheFirstLineWithTheKey)
 {
-    char dirTemplate[] = "/tmp/stavik_home_XXXXXX";
-    ASSERT_NE(mkdtemp(dirTemplate), nullptr);
-    std::string root = dirTemplate;
-    ASSERT_EQ(mkdir((root + "/etc").c_str(), 0755), 0);
-    std::string passwd = root + "/etc/passwd";
+    Stavik::Test::Sandbox sandbox;
+    const std::string& root = sandbox.Root();
     setenv("STAVIK_SYSROOT", root.c_str(), 1);
     auto inquire = [&](const std::string& text) {
-        std::ofstream(passwd) << text;
+        sandbox.WriteFile("/etc/passwd", text);
         InquireHomeEnvVariable("/etc/passwd", "1000:1000");
         return DaemonHomeEnv();
     };
@@ -50,9 +45,6 @@ TEST(HomeEnv, HomeOfTheFirstLineWithTheKey)
 
     unsetenv("STAVIK_SYSROOT");
     DaemonHomeEnv().clear();
-    unlink(passwd.c_str());
-    rmdir((root + "/etc").c_str());
-    rmdir(root.c_str());
 }
 
 } // namespace

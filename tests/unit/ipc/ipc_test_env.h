@@ -2,48 +2,63 @@
 #define STAVIK_TESTS_UNIT_IPC_IPC_TEST_ENV_H
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
+#include <stdlib.h>
 
-#include <functional>
+#include <filesystem>
+#include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "tubix.h"
+#include "tests/helpers/ipc_shared.h"
+#include "tests/support/daemon_process.h"
 
 namespace IpcTest {
+
+using IpcShared::SendPatiently;
+using IpcShared::SeqMessage;
+using Peer = std::unique_ptr<Stavik::Test::DaemonProcess>;
+using Stavik::Test::WaitUntil;
 
 // Every test gets its own runtime directory as TUBIX_DIR, removed afterwards.
 class TubixDirTest : public ::testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
-    std::string dir_;
+    void SetUp() override
+    {
+        setenv("TUBIX_DIR", dir_.c_str(), 1);
+        unsetenv("TUBIX_OPEN_TIMEOUT_MS");
+    }
+
+    Stavik::Test::Sandbox sandbox_;
+    const std::string dir_ = sandbox_.TubixDir();
 };
 
-// A run of tests/helpers/ipc_peer named procName; killed when it goes out of scope.
-class Peer {
-public:
-    Peer(const std::string& procName, const std::vector<std::string>& args);
-    ~Peer();
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
+// A run of tests/helpers/ipc_peer named procName; its process group is killed at the end.
+inline Peer RunPeer(const std::string& procName, const std::vector<std::string>& args)
+{
+    return std::make_unique<Stavik::Test::DaemonProcess>(Stavik::Test::BuiltProgram("tests/ipc_peer"), args,
+                                                         std::map<std::string, std::string>{{"PROC_NAME", procName}});
+}
 
-    void Kill();
-    // The exit status, or -1 when it didn't end within timeoutMs.
-    int Wait(int timeoutMs);
+inline int32_t OpenService(const std::string& name, TubixRequestHandler handler)
+{
+    return IpcShared::OpenPipe(name, std::move(handler), -1);
+}
 
-private:
-    pid_t pid_ = -1;
-};
-
-bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 10000);
-int32_t OpenService(const std::string& name, TubixRequestHandler handler, int32_t timeoutMs = -1);
 // Sends text and returns the answer, or "rc=N" on failure.
-std::string Rpc(int32_t fd, const std::string& text, uint32_t timeoutMs = 10000);
-// A sequence message as the peer checks it.
-std::vector<uint8_t> SeqMessage(uint32_t seq);
-int32_t SendPatiently(int32_t fd, const std::vector<uint8_t>& message);
-size_t CountEntries(const char* dir);
+inline std::string Rpc(int32_t fd, const std::string& text, uint32_t timeoutMs = 10000)
+{
+    char answer[256];
+    TubixRequest req{0, text.data(), static_cast<uint32_t>(text.size())};
+    TubixResponse resp{0, answer, sizeof(answer)};
+    int32_t rc = TubixTimedRPCSync(fd, &req, &resp, timeoutMs);
+    return rc != 0 ? "rc=" + std::to_string(rc) : std::string(answer, resp.size);
+}
+
+inline size_t CountEntries(const char* dir)
+{
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir), {}));
+}
 
 } // namespace IpcTest
 

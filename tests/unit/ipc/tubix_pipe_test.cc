@@ -66,7 +66,7 @@ using TubixPipeTest = TubixDirTest;
 
 TEST_F(TubixPipeTest, MessagesKeepBoundariesAndOrderBothWays)
 {
-    Peer server("echo", {"server"});
+    Peer server = RunPeer("echo", {"server"});
     Inbox inbox;
     int32_t fd = OpenService("echo", inbox.Handler());
     ASSERT_GT(fd, 0);
@@ -103,7 +103,7 @@ TEST_F(TubixPipeTest, MessagesKeepBoundariesAndOrderBothWays)
 
 TEST_F(TubixPipeTest, ResponsesReachTheirOwnCallerById)
 {
-    Peer server("echo", {"server"});
+    Peer server = RunPeer("echo", {"server"});
     Inbox inbox;
     int32_t fd = OpenService("echo", inbox.Handler());
     ASSERT_GT(fd, 0);
@@ -134,7 +134,7 @@ TEST_F(TubixPipeTest, ResponsesReachTheirOwnCallerById)
 
 TEST_F(TubixPipeTest, APeerThatGoesIsReportedOnce)
 {
-    Peer server("echo", {"server"});
+    Peer server = RunPeer("echo", {"server"});
     Inbox closedByServer;
     Inbox closedByDeath;
     int32_t first = OpenService("echo", closedByServer.Handler());
@@ -146,7 +146,7 @@ TEST_F(TubixPipeTest, APeerThatGoesIsReportedOnce)
 
     ASSERT_EQ(Send(first, "close"), 0);
     EXPECT_TRUE(WaitUntil([&] { return closedByServer.Nulls() == 1; }));
-    server.Kill();
+    server->KillGroup();
     EXPECT_TRUE(WaitUntil([&] { return closedByDeath.Nulls() == 1; }));
 
     EXPECT_EQ(Send(second, "late"), -32);
@@ -160,7 +160,7 @@ TEST_F(TubixPipeTest, APeerThatGoesIsReportedOnce)
 
 TEST_F(TubixPipeTest, AServerThatDoesNotReadMakesSendsTryAgain)
 {
-    Peer server("echo", {"server"});
+    Peer server = RunPeer("echo", {"server"});
     Inbox inbox;
     int32_t fd = OpenService("echo", inbox.Handler());
     ASSERT_GT(fd, 0);
@@ -173,14 +173,14 @@ TEST_F(TubixPipeTest, AServerThatDoesNotReadMakesSendsTryAgain)
         rc = Send(fd, chunk);
     }
     EXPECT_EQ(rc, -11);
-    server.Kill();
+    server->KillGroup();
     EXPECT_TRUE(WaitUntil([&] { return inbox.Nulls() == 1; }));
     EXPECT_EQ(TubixClosePipe(fd), 0);
 }
 
 TEST_F(TubixPipeTest, ClosingAPipeWhoseCallbackRuns)
 {
-    Peer server("echo", {"server"});
+    Peer server = RunPeer("echo", {"server"});
     std::mutex mutex;
     std::condition_variable changed;
     int entered = 0;
@@ -238,7 +238,7 @@ TEST_F(TubixPipeTest, OpenWaitsForALateServerOrTimesOut)
     auto pending = std::async(std::launch::async, [&] { return OpenService("late", inbox.Handler()); });
     // Only to let the open start waiting before the server exists.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    Peer server("late", {"server"});
+    Peer server = RunPeer("late", {"server"});
     int32_t fd = pending.get();
     ASSERT_GT(fd, 0);
     EXPECT_EQ(Rpc(fd, "hello"), "hello");
@@ -247,7 +247,7 @@ TEST_F(TubixPipeTest, OpenWaitsForALateServerOrTimesOut)
 
 TEST_F(TubixPipeTest, HundredsOfPipesShareTheLibraryThreadsAndLeaveNoDescriptor)
 {
-    Peer server("echo", {"server"});
+    Peer server = RunPeer("echo", {"server"});
     Inbox inbox;
     int32_t first = OpenService("echo", inbox.Handler());
     ASSERT_GT(first, 0);

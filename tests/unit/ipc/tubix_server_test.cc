@@ -104,8 +104,8 @@ std::vector<uint8_t> Good(uint16_t kind, const std::string& payload)
 
 TEST_F(TubixServerTest, ServerSeesTheClientsNameItsRequestsInOrderAndOneDisconnect)
 {
-    Peer client("pusher", {"client", SERVER_NAME, "2500"});
-    EXPECT_EQ(client.Wait(30000), 0);
+    Peer client = RunPeer("pusher", {"client", SERVER_NAME, "2500"});
+    EXPECT_EQ(client->WaitExit(30000), 0);
     ASSERT_TRUE(WaitUntil([&] { return TotalNulls() == 1; }, 20000));
 
     std::lock_guard<std::mutex> guard(Record().mutex);

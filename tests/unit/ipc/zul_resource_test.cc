@@ -1,5 +1,6 @@
 // A resource published by this process and used from this and other processes.
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <cerrno>
@@ -87,8 +88,8 @@ TEST_F(ZulResourceTest, OtherProcessesOpenIoctlAndClose)
     ZulServiceParam again{RES_NAME, &ops_, 5000};
     EXPECT_EQ(ZULRegisterService(&again), -17);
 
-    Peer client("rc", {"resource-client", RES_NAME, "3"});
-    EXPECT_EQ(client.Wait(20000), 0);
+    Peer client = RunPeer("rc", {"resource-client", RES_NAME, "3"});
+    EXPECT_EQ(client->WaitExit(20000), 0);
     EXPECT_TRUE(WaitUntil([] { return Record().closes == 1; }));
     EXPECT_EQ(Record().opens, 1);
     {
@@ -96,8 +97,8 @@ TEST_F(ZulResourceTest, OtherProcessesOpenIoctlAndClose)
         EXPECT_EQ(Record().lastClient, "rc");
     }
 
-    Peer intruder("intruder", {"resource-client", RES_NAME, "1"});
-    EXPECT_EQ(intruder.Wait(20000), 3);
+    Peer intruder = RunPeer("intruder", {"resource-client", RES_NAME, "1"});
+    EXPECT_EQ(WEXITSTATUS(intruder->WaitExit(20000)), 3);
     EXPECT_EQ(Record().opens, 1);
     EXPECT_EQ(Record().closes, 1);
 }

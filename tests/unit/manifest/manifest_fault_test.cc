@@ -63,39 +63,37 @@ TEST_F(FaultTest, WrongTypeStopsAtTheEntryAndKeepsTheOnesBefore)
 
 TEST_F(FaultTest, SyntaxErrorDeliversOnlyEntriesReadCompletely)
 {
+    struct Broken {
+        const char* text;
+        std::vector<std::string> delivered;
+        const char* error;  // after the path, or the whole text when the path is not in it
+    };
+    const Broken files[] = {
+        // An unclosed list in c: a and b lie wholly before the fault.
+        {"apps:\n  - name: a\n  - name: b\n    uid: 2\n  - name: c\n    args: [x, y\n  - name: d\n", {"a", "b"},
+         " line 7: YAML syntax error: "},
+        // A mis-indented last key ends b early in the parser's eyes; b may have lost
+        // that key, so it is held back with the fault.
+        {"apps:\n  - name: a\n  - name: b\n    uid: 2\n   gid: 3\n", {"a"}, " line 5: YAML syntax error: "},
+        {"apps: [\n", {}, " line 2: YAML syntax error: "},
+        // An alias inside the node it names would make an endless entry.
+        {"apps:\n  - &x\n    name: a\n    args: [*x]\n", {}, "alias refers to a node that encloses it"},
+    };
     ParseAndDepend parser;
-    std::vector<ApplicationManifest> out;
-    // An unclosed list in c: a and b lie wholly before the fault.
-    std::string path = Write("flow.yaml", "apps:\n  - name: a\n  - name: b\n    uid: 2\n  - name: c\n"
-                                          "    args: [x, y\n  - name: d\n");
-    EXPECT_NE(parser.ParseYaml(PARAM_TYPE_APP_MANIFEST, path, out, {}), 0);
-    EXPECT_EQ(Names(out), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(out[1].GetUid(), 2u);
-    EXPECT_EQ(LogCount(LOG_ERR, "Stavik: manifest " + path + " line 7: YAML syntax error: "), 1u);
-
-    // A mis-indented last key ends b early in the parser's eyes; b may have lost
-    // that key, so it is held back with the fault.
-    Stavik::LogCapture::Begin();
-    out.clear();
-    path = Write("indent.yaml", "apps:\n  - name: a\n  - name: b\n    uid: 2\n   gid: 3\n");
-    EXPECT_NE(parser.ParseYaml(PARAM_TYPE_APP_MANIFEST, path, out, {}), 0);
-    EXPECT_EQ(Names(out), (std::vector<std::string>{"a"}));
-    EXPECT_EQ(LogCount(LOG_ERR, "Stavik: manifest " + path + " line 5: YAML syntax error: "), 1u);
-
-    Stavik::LogCapture::Begin();
-    out.clear();
-    path = Write("early.yaml", "apps: [\n");
-    EXPECT_NE(parser.ParseYaml(PARAM_TYPE_APP_MANIFEST, path, out, {}), 0);
-    EXPECT_TRUE(out.empty());
-    EXPECT_EQ(LogCount(LOG_ERR, "Stavik: manifest " + path + " line 2: YAML syntax error: "), 1u);
-    EXPECT_EQ(LogTexts(LOG_ERR).size(), 1u);
-
-    // An alias inside the node it names would make an endless entry.
-    out.clear();
-    path = Write("alias.yaml", "apps:\n  - &x\n    name: a\n    args: [*x]\n");
-    EXPECT_NE(parser.ParseYaml(PARAM_TYPE_APP_MANIFEST, path, out, {}), 0);
-    EXPECT_TRUE(out.empty());
-    EXPECT_EQ(LogCount(LOG_ERR, "alias refers to a node that encloses it"), 1u);
+    for (const Broken& file : files) {
+        SCOPED_TRACE(file.text);
+        Stavik::LogCapture::Begin();
+        std::string path = Write("broken.yaml", file.text);
+        std::vector<ApplicationManifest> out;
+        EXPECT_NE(parser.ParseYaml(PARAM_TYPE_APP_MANIFEST, path, out, {}), 0);
+        EXPECT_EQ(Names(out), file.delivered);
+        std::string error = file.error[0] == ' ' ? "Stavik: manifest " + path + file.error : file.error;
+        EXPECT_EQ(LogCount(LOG_ERR, error), 1u);
+        EXPECT_EQ(LogTexts(LOG_ERR).size(), 1u);
+        if (out.size() == 2) {
+            EXPECT_EQ(out[1].GetUid(), 2u);
+        }
+    }
 }
 
 TEST_F(FaultTest, UnusableFilesAndLayoutsGiveAnErrorLine)

@@ -2,42 +2,26 @@
 #define STAVIK_TESTS_UNIT_MANIFEST_MANIFEST_FIXTURE_H
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "core/log.h"
+#include "tests/support/sandbox.h"
 
 // A private temporary directory for the files of one test, and the log
 // captured while the test runs.
 class ManifestFixture : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string base = (std::filesystem::temp_directory_path() / "stavik-manifest-XXXXXX").string();
-        ASSERT_NE(mkdtemp(&base[0]), nullptr);
-        dir_ = base;
-        Stavik::LogCapture::Begin();
-    }
-
-    void TearDown() override
-    {
-        Stavik::LogCapture::End();
-        std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
-    }
+    void SetUp() override { Stavik::LogCapture::Begin(); }
+    void TearDown() override { Stavik::LogCapture::End(); }
 
     std::string Write(const std::string& name, const std::string& text) const
     {
-        std::string path = dir_ + "/" + name;
-        std::ofstream(path, std::ios::binary) << text;
-        return path;
+        return sandbox_.WriteFile("/" + name, text);
     }
 
-    std::string Dir() const { return dir_; }
+    std::string Dir() const { return sandbox_.Root(); }
 
     // Number of captured lines at this level that hold the text.
     static size_t LogCount(int level, const std::string& text)
@@ -61,7 +45,7 @@ protected:
     }
 
 private:
-    std::string dir_;
+    Stavik::Test::Sandbox sandbox_;
 };
 
 #endif

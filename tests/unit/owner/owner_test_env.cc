@@ -4,9 +4,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 
 #include "channel/serialization.h"
+#include "tests/helpers/ipc_shared.h"
 
 namespace OwnerTest {
 
@@ -34,23 +34,15 @@ FakeDaemon::~FakeDaemon()
 
 bool FakeDaemon::Open(const std::string& owner)
 {
-    TubixOpenParam param{};
-    param.procName = owner.c_str();
-    param.handler = [this](int32_t fd, const TubixRequest* req) { OnMessage(fd, req); };
-    param.priority = -1;
-    param.msgMode = 1;
-    param.retryOnMissing = 1;
-    param.timeoutMs = TIMEOUT_MS;
-    fd_ = TubixOpen(&param);
+    fd_ = IpcShared::OpenPipe(owner, [this](int32_t fd, const TubixRequest* req) { OnMessage(fd, req); },
+                              TIMEOUT_MS);
     return fd_ > 0;
 }
 
 void FakeDaemon::Close()
 {
     // Once the close answers 0 no callback on this object starts.
-    for (int attempt = 0; fd_ > 0 && attempt < 1000 && TubixClosePipe(fd_) == -16; ++attempt) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    Stavik::Test::WaitUntil([&] { return fd_ <= 0 || TubixClosePipe(fd_) != -16; }, TIMEOUT_MS);
     fd_ = -1;
 }
 
@@ -114,19 +106,13 @@ bool FakeDaemon::SendReport(const std::vector<Stavik::Message::AppStateInfo>& ap
         !Stavik::Serialization::StavikCombinePiecesMsg(Stavik::Message::REPORT_APP_STATE, pieces, records)) {
         return false;
     }
-    for (const RequestMsg& record : records) {
-        if (TubixSendRequest(fd_, TubixRequest{0, &record, sizeof(record)}) != 0) {
-            return false;
-        }
-    }
-    return true;
+    return std::all_of(records.begin(), records.end(), [this](const RequestMsg& record) { return Send(record); });
 }
 
 bool FakeDaemon::SendDetail(const Stavik::Message::AppDetailStatusMap& statusMap)
 {
     RequestMsg record{};
-    return Stavik::Serialization::WriteAppDetailStatusBody(statusMap, record) &&
-           TubixSendRequest(fd_, TubixRequest{0, &record, sizeof(record)}) == 0;
+    return Stavik::Serialization::WriteAppDetailStatusBody(statusMap, record) && Send(record);
 }
 
 bool FakeDaemon::SendRecord(uint32_t type, const std::string& body)
@@ -135,6 +121,11 @@ bool FakeDaemon::SendRecord(uint32_t type, const std::string& body)
     record.type = type;
     record.size = body.size();
     memcpy(record.data, body.data(), std::min(body.size(), sizeof(record.data)));
+    return Send(record);
+}
+
+bool FakeDaemon::Send(const RequestMsg& record)
+{
     return TubixSendRequest(fd_, TubixRequest{0, &record, sizeof(record)}) == 0;
 }
 

@@ -51,6 +51,7 @@ public:
 
 private:
     void OnMessage(int32_t fd, const TubixRequest* req);
+    bool Send(const Stavik::Message::RequestMsg& record);
 
     int32_t fd_ = -1;
     mutable std::mutex mutex_;

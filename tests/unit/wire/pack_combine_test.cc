@@ -53,7 +53,7 @@ TEST_F(PackCombineTest, PackerStopsAtTheFirstEntryOver3959Bytes)
                                ", size=3960 bytes beyond the SK_PIPE_BUF_MAX!!");
 }
 
-TEST_F(PackCombineTest, NextFitGroupsSortedPieces)
+TEST_F(PackCombineTest, NextFitGroupsPiecesSortedByLengthThenBytes)
 {
     std::vector<PackedPiece> pieces;
     ASSERT_TRUE(Serialization::StavikPackAppStateRequest(
@@ -70,14 +70,12 @@ TEST_F(PackCombineTest, NextFitGroupsSortedPieces)
         EXPECT_EQ(std::string(msg.data + msg.size, sizeof(msg.data) - msg.size),
                   std::string(sizeof(msg.data) - msg.size, '\0'));
     }
-}
 
-TEST_F(PackCombineTest, ShorterPiecesComeFirstAndNumbersPrintUnsigned)
-{
-    std::vector<PackedPiece> pieces;
+    // Shorter pieces come first and numbers print unsigned.
+    pieces.clear();
+    msgs.clear();
     ASSERT_TRUE(Serialization::StavikPackAppStateRequest(
         {{"bb", 1, 0, 0, 0}, {"ab", 1, 0, 0, 0}, {"a", static_cast<uint32_t>(-1), 5, 4, 2}}, pieces));
-    std::vector<RequestMsg> msgs;
     ASSERT_TRUE(Serialization::StavikCombinePiecesMsg(Message::REPORT_APP_STATE, pieces, msgs));
     ASSERT_EQ(msgs.size(), 1u);
     EXPECT_EQ(Body(msgs[0]), "3#ab#1#0#0#0#bb#1#0#0#0#a#4294967295#5#4#2#");
