@@ -22,6 +22,12 @@ namespace {
 
 // The longest payload the IPC library carries in one message.
 constexpr uint64_t TRANSPORT_MESSAGE_MAX = 65536;
+// A request nests five levels at most. A deeper text is refused while it is
+// parsed, because echoing it (dump) recurses once per level and would overflow the stack.
+constexpr int NESTING_MAX = 32;
+
+struct TooDeep {
+};
 
 bool ReadStringList(const json& value, const std::string& what, std::vector<std::string>& values,
                     std::string& error)
@@ -381,9 +387,18 @@ bool ParseObject(const json& object, Dialect ownDialect, OwnerRequest& request, 
 bool ParseOwnerRequest(const std::string& text, Dialect ownDialect, OwnerRequest& request, std::string& error)
 {
     try {
-        return ParseObject(json::parse(text), ownDialect, request, error);
+        json parsed = json::parse(text, [](int depth, json::parse_event_t, json&) {
+            if (depth > NESTING_MAX) {
+                throw TooDeep{};
+            }
+            return true;
+        });
+        return ParseObject(parsed, ownDialect, request, error);
     } catch (const json::exception& caught) {
         error = std::string("not a JSON request: ") + caught.what();
+        return false;
+    } catch (const TooDeep&) {
+        error = "not a JSON request: nested deeper than " + std::to_string(NESTING_MAX) + " levels";
         return false;
     }
 }

@@ -113,7 +113,9 @@ TEST_F(OwnerToolTest, PrintsEveryRecordTheDaemonSendsAndTheDisconnect)
 
 TEST_F(OwnerToolTest, AnswersOfStartupCfgCallsArePrintedAndBadLinesOnlyGiveErrors)
 {
+    const size_t deep = 100000;
     std::string lines = std::string("not json\n") + R"({"type":"nope"})" + "\n" +
+                        R"({"type":"query","apps":[],"x":)" + std::string(deep, '[') + std::string(deep, ']') + "}\n" +
                         R"({"type":"term","apps":"a"})" + "\n" +
                         R"({"type":"exec","appName":"e","pid":-1})" + "\n" +
                         R"({"type":"raw","msgType":1,"body":")" + std::string(4000, 'x') + "\"}\n\n" +
@@ -133,7 +135,7 @@ TEST_F(OwnerToolTest, AnswersOfStartupCfgCallsArePrintedAndBadLinesOnlyGiveError
     for (const json& event : ToolEvents(*tool)) {
         errors += event["event"] == "error" ? 1 : 0;
     }
-    EXPECT_EQ(errors, 5u);
+    EXPECT_EQ(errors, 6u);
     ASSERT_TRUE(daemon.WaitForMessages(3));
     StartupCfgInfo loaded;
     StavikUnpackMatchDataAndPathRequest(daemon.Record(0), loaded);
