@@ -27,27 +27,24 @@ Master::~Master()
     pthread_rwlock_destroy(&ownerFdLock_);
 }
 
-void Master::WriteLock()
-{
-    int result = pthread_rwlock_wrlock(&ownerFdLock_);
-    if (result != 0) {
-        throw std::system_error(result, std::generic_category(), "ownerFdLock_ write lock");
-    }
-}
-
-void Master::ReadLock()
+Master::FdLockGuard::FdLockGuard(pthread_rwlock_t& lock, Mode mode) : lock_(lock)
 {
     int result;
-    while ((result = pthread_rwlock_rdlock(&ownerFdLock_)) == EAGAIN) {
+    if (mode == Mode::WRITE) {
+        result = pthread_rwlock_wrlock(&lock_);
+    } else {
+        // A reader may be refused for a moment when too many hold the lock.
+        while ((result = pthread_rwlock_rdlock(&lock_)) == EAGAIN) {
+        }
     }
     if (result != 0) {
-        throw std::system_error(result, std::generic_category(), "ownerFdLock_ read lock");
+        throw std::system_error(result, std::generic_category(), "ownerFdLock_");
     }
 }
 
-void Master::Unlock()
+Master::FdLockGuard::~FdLockGuard()
 {
-    pthread_rwlock_unlock(&ownerFdLock_);
+    pthread_rwlock_unlock(&lock_);
 }
 
 bool Master::RegServiceCallBack(const std::string& targetProcName, uint32_t gid, const OwnerRequestHandler& handler)
@@ -60,9 +57,10 @@ bool Master::RegServiceCallBack(const std::string& targetProcName, uint32_t gid,
         Syslog(LOG_ERR, "STAVIK : RegServiceCallBack failed: procName is null");
         return false;
     }
-    WriteLock();
-    ownerFds_[targetProcName] = -1;
-    Unlock();
+    {
+        FdLockGuard guard(ownerFdLock_, FdLockGuard::Mode::WRITE);
+        ownerFds_[targetProcName] = -1;
+    }
 
     TubixOpenParam param{};
     param.procName = targetProcName.c_str();
@@ -76,20 +74,21 @@ bool Master::RegServiceCallBack(const std::string& targetProcName, uint32_t gid,
     param.flags = 0;
     param.timeoutMs = -1;
 
-    // Held across the open, so that no report looks the name up while its pipe comes up.
-    WriteLock();
-    int32_t fd = TubixOpen(&param);
-    if (fd == TUBIX_TRY_AGAIN) {
-        Syslog(LOG_ERR, "STAVIK : TubixOpen failed, try again");
+    int32_t fd = -1;
+    {
+        // Held across the open, so that no report looks the name up while its pipe comes up.
+        FdLockGuard guard(ownerFdLock_, FdLockGuard::Mode::WRITE);
         fd = TubixOpen(&param);
+        if (fd == TUBIX_TRY_AGAIN) {
+            Syslog(LOG_ERR, "STAVIK : TubixOpen failed, try again");
+            fd = TubixOpen(&param);
+        }
+        if (fd <= 0) {
+            Syslog(LOG_ERR, "STAVIK : RegServiceCallBack failed!! ret=%d, errno=%d", fd, errno);
+            return false;
+        }
+        ownerFds_[targetProcName] = fd;
     }
-    if (fd <= 0) {
-        Syslog(LOG_ERR, "STAVIK : RegServiceCallBack failed!! ret=%d, errno=%d", fd, errno);
-        Unlock();
-        return false;
-    }
-    ownerFds_[targetProcName] = fd;
-    Unlock();
     Syslog(LOG_INFO, "********* STAVIK : RegServiceCallBack success fd=%d, targetProcName=%s", fd,
            targetProcName.c_str());
     return true;
@@ -98,9 +97,10 @@ bool Master::RegServiceCallBack(const std::string& targetProcName, uint32_t gid,
 void Master::UnRegServiceCallBack(const std::string& proName)
 {
     int32_t fd = GetOwnerFd(proName);
-    WriteLock();
-    ownerFds_[proName] = -1;
-    Unlock();
+    {
+        FdLockGuard guard(ownerFdLock_, FdLockGuard::Mode::WRITE);
+        ownerFds_[proName] = -1;
+    }
     int32_t result = TUBIX_BUSY;
     for (uint32_t attempt = 0; attempt < UNREG_CLOSE_ATTEMPTS; ++attempt) {
         result = TubixClosePipe(fd);
@@ -118,11 +118,9 @@ void Master::UnRegServiceCallBack(const std::string& proName)
 
 int32_t Master::GetOwnerFd(const std::string& owner)
 {
-    ReadLock();
+    FdLockGuard guard(ownerFdLock_, FdLockGuard::Mode::READ);
     auto found = ownerFds_.find(owner);
-    int32_t fd = found == ownerFds_.end() ? -1 : found->second;
-    Unlock();
-    return fd;
+    return found == ownerFds_.end() ? -1 : found->second;
 }
 
 bool Master::SendRequestMsg(int32_t fd, const std::vector<Message::RequestMsg>& requestMsgs)

@@ -48,9 +48,18 @@ public:
     bool ReportAppDetailStatus(const Message::AppDetailStatusMap& statusMap, const std::string& owner);
 
 private:
-    void WriteLock();
-    void ReadLock();
-    void Unlock();
+    // Holds ownerFdLock_ for one scope, shared for a look-up or alone for a change.
+    class FdLockGuard {
+    public:
+        enum class Mode { READ, WRITE };
+        FdLockGuard(pthread_rwlock_t& lock, Mode mode);
+        ~FdLockGuard();
+        FdLockGuard(const FdLockGuard&) = delete;
+        FdLockGuard& operator=(const FdLockGuard&) = delete;
+
+    private:
+        pthread_rwlock_t& lock_;
+    };
 
     std::unordered_map<std::string, int32_t> ownerFds_;
     pthread_rwlock_t ownerFdLock_;
