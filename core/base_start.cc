@@ -95,12 +95,14 @@ bool StavikDaemon::InitOneBaseApplication(App::BaseAppInfo app)
     if (!CheckDependency(app.dependList_, app.appName_)) {
         return false;
     }
-    if (!app.StartProcess() || app.state_ != STARTING) {
-        Syslog(LOG_ERR, "Start %s failed, state:%s", app.appName_.c_str(), GetProcessStateStr(app.state_).c_str());
-        return false;
-    }
     {
+        // One hold covers the fork and the filing, so that the wait thread
+        // finds the record even for a child that dies at once.
         std::lock_guard<std::mutex> lock(baseAppMutex_);
+        if (!app.StartProcess() || app.state_ != STARTING) {
+            Syslog(LOG_ERR, "Start %s failed, state:%s", app.appName_.c_str(), GetProcessStateStr(app.state_).c_str());
+            return false;
+        }
         executedBaseApp_.push_back(app);
         if (FindBaseApp(app.appName_) == nullptr) {
             Syslog(LOG_ERR, "STAVIK : InitOneBaseApplication, not find ownerName=%s", app.appName_.c_str());

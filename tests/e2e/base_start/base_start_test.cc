@@ -201,16 +201,15 @@ protected:
         return found;
     }
 
-    // A child this short-lived may be reaped before the daemon has filed its
-    // record; its death is then logged as one nobody owns.
+    // The record is filed before the wait thread can reap even a child that
+    // dies at once, so its death is always matched to it.
     static bool DeathLogged(const std::string& name)
     {
         std::string pid = std::to_string(StartedPids(*daemon_, name).at(0));
         return WaitUntil([&] {
             return IndexOfExact(*daemon_, "STAVIK : Process=" + name + ", pid=" + pid +
-                                              " was self terminated, the exit status is 1.") >= 0 ||
-                   IndexOfExact(*daemon_, "STAVIK: can not find app, pid=" + pid) >= 0;
-        }, CHILD_TIMEOUT_MS);
+                                              " was self terminated, the exit status is 1.") >= 0;
+        }, CHILD_TIMEOUT_MS) && IndexOfExact(*daemon_, "STAVIK: can not find app, pid=" + pid) < 0;
     }
 
     static bool PipeLineWellFormed(const std::string& text)
