@@ -37,14 +37,20 @@ Master::FdLockGuard::FdLockGuard(pthread_rwlock_t& lock, Mode mode) : lock_(lock
         while ((result = pthread_rwlock_rdlock(&lock_)) == EAGAIN) {
         }
     }
-    if (result != 0) {
+    if (result == EDEADLK) {
         throw std::system_error(result, std::generic_category(), "ownerFdLock_");
+    }
+    held_ = result == 0;
+    if (!held_) {
+        Syslog(LOG_ERR, "STAVIK : Master ownerFdLock_ failed, err code=%d", result);
     }
 }
 
 Master::FdLockGuard::~FdLockGuard()
 {
-    pthread_rwlock_unlock(&lock_);
+    if (held_) {
+        pthread_rwlock_unlock(&lock_);
+    }
 }
 
 bool Master::RegServiceCallBack(const std::string& targetProcName, uint32_t gid, const OwnerRequestHandler& handler)
@@ -57,9 +63,18 @@ bool Master::RegServiceCallBack(const std::string& targetProcName, uint32_t gid,
         Syslog(LOG_ERR, "STAVIK : RegServiceCallBack failed: procName is null");
         return false;
     }
+    int32_t oldFd = -1;
     {
         FdLockGuard guard(ownerFdLock_, FdLockGuard::Mode::WRITE);
-        ownerFds_[targetProcName] = -1;
+        int32_t& stored = ownerFds_[targetProcName];
+        oldFd = stored;
+        stored = -1;
+    }
+    // A restarted service is opened anew; its old pipe would otherwise stay with nobody to close it.
+    if (oldFd > 0) {
+        int32_t closed = TubixClosePipe(oldFd);
+        Syslog(LOG_INFO, "STAVIK : RegServiceCallBack closes the old pipe fd=%d of %s, ret=%d", oldFd,
+               targetProcName.c_str(), closed);
     }
 
     TubixOpenParam param{};
@@ -108,7 +123,7 @@ void Master::UnRegServiceCallBack(const std::string& proName)
             Syslog(LOG_INFO, "STAVIK : Master UnRegServiceCallBack success proName: %s fd: %d", proName.c_str(), fd);
             return;
         }
-        if (result != TUBIX_BUSY) {
+        if (result != TUBIX_BUSY || attempt + 1 == UNREG_CLOSE_ATTEMPTS) {
             break;
         }
         SleepNs(UNREG_CLOSE_SLEEP_NS);

@@ -48,7 +48,9 @@ public:
     bool ReportAppDetailStatus(const Message::AppDetailStatusMap& statusMap, const std::string& owner);
 
 private:
-    // Holds ownerFdLock_ for one scope, shared for a look-up or alone for a change.
+    // Holds ownerFdLock_ for one scope, shared for a look-up or alone for a
+    // change. Only a deadlock is thrown; another failure is logged and the
+    // scope runs unguarded.
     class FdLockGuard {
     public:
         enum class Mode { READ, WRITE };
@@ -59,6 +61,7 @@ private:
 
     private:
         pthread_rwlock_t& lock_;
+        bool held_ = false;
     };
 
     std::unordered_map<std::string, int32_t> ownerFds_;

@@ -11,8 +11,10 @@
 // one pipe one at a time and in arrival order, those of different pipes
 // possibly at the same time. Results are 0 or a descriptor on success and a
 // negative errno value on failure: -11 try again, -16 busy, -9 no such pipe,
-// -32 the peer has gone, -90 a message above 65536 bytes, -110 timed out.
-// A pipe whose peer has gone stays known until TubixClosePipe.
+// -13 the service is served by a process of another group, -32 the peer has
+// gone, -90 a message above 65536 bytes, -105 the pipe's send queue is full,
+// -110 timed out. A pipe whose peer has gone keeps no socket open, and stays
+// known until TubixClosePipe.
 
 // One message, as handed to a callback or passed to a send.
 struct TubixRequest {
@@ -47,10 +49,10 @@ struct TubixOpenParam {
     TubixRequestHandler handler; // kept by the library for the life of the pipe
     int32_t priority;            // callback thread priority, -1 for the default; the host library shares its threads
     int32_t msgMode;             // 1: message pipe, boundaries kept (the only mode)
-    uint32_t gid;                // group of the target service; named in the failure log line
+    uint32_t gid;                // group of the target service; a server of another group, not root, is refused
     int32_t retryOnMissing;      // non-zero: keep trying while the service is missing or refuses
     uint64_t flags;              // reserved, 0
-    int32_t timeoutMs;           // how long to keep trying; -1 for $TUBIX_OPEN_TIMEOUT_MS (default 10000)
+    int32_t timeoutMs;           // how long to keep trying; -1 for $TUBIX_OPEN_TIMEOUT_MS (default 1000)
     uint8_t reserved0;           // 0
     int32_t reserved1;           // 0
     uint64_t reserved2;          // 0
@@ -94,11 +96,14 @@ static_assert(offsetof(TubixServerParam, flags) == 24, "TubixServerParam layout 
 static_assert(sizeof(TubixServerParam) == 32, "TubixServerParam layout is binding");
 
 // Connects to the service procName; a descriptor above 0, -11 when the service
-// did not come up in time.
+// did not come up in time, -13 when a process of another group serves the name.
 int32_t TubixOpen(const TubixOpenParam* param);
-// Serves as $PROC_NAME; 0 or a negative code.
+// Serves as $PROC_NAME, on the listening socket $TUBIX_LISTEN_FD made for this
+// process before exec when there is one; 0 or a negative code.
 int32_t TubixCreateServer(const TubixServerParam* param);
-// Sends without waiting; -11 when the peer's queue is full.
+// Sends without waiting: what the peer can't take yet waits in the pipe's own
+// queue (at most 4096 messages or 4 MiB) and leaves in order; -105 when that
+// queue is full.
 int32_t TubixSendRequest(int32_t fd, TubixRequest req);
 int32_t TubixSendResponse(int32_t fd, TubixResponse resp);
 // Sends req (its id is filled in) and waits for the response with that id,
@@ -109,9 +114,10 @@ int32_t TubixSendResponse(int32_t fd, TubixResponse resp);
 int32_t TubixRPCSync(int32_t fd, TubixRequest* req, TubixResponse* resp);
 // The same, giving up with -110 after timeoutMs; a later answer is dropped.
 int32_t TubixTimedRPCSync(int32_t fd, TubixRequest* req, TubixResponse* resp, uint32_t timeoutMs);
-// Closes a pipe; once it answers 0 no callback of the pipe starts. -16 while
-// one of its callbacks runs on another thread. Called from inside the pipe's
-// own callback it answers 0 and the close completes when that callback returns.
+// Closes a pipe; once it answers 0 no callback of the pipe starts and its
+// socket is closed. A callback that runs on another thread meanwhile finishes,
+// and the pipe's memory goes when it returns. Called from inside one of the
+// pipe's own callbacks it answers -16 and closes nothing.
 int32_t TubixClosePipe(int32_t fd);
 
 #endif

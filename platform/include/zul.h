@@ -47,7 +47,7 @@ static_assert(offsetof(ZulServiceOps, closeEntry) == 32, "ZulServiceOps layout i
 struct ZulServiceParam {
     const char* resName;        // resource name, for example "/res/stavik/sys_server"; copied
     const ZulServiceOps* ops;   // the entries; copied
-    uint32_t timeoutMs;         // how long a reply may wait for room at a slow client
+    uint32_t timeoutMs;         // the board's reply time-out; the host library queues replies instead
 };
 static_assert(offsetof(ZulServiceParam, resName) == 0, "ZulServiceParam layout is binding");
 static_assert(offsetof(ZulServiceParam, ops) == 8, "ZulServiceParam layout is binding");
@@ -63,8 +63,11 @@ struct AppConfig {
 int32_t ZULRegisterService(const ZulServiceParam* param);
 // Withdraws every resource this process registered; 0.
 int32_t ZULRetrieveService();
-// Runs in a freshly forked child before exec: names the process after the
-// application ($PROC_NAME). 0, or -1 with errno set. It never logs.
+// Runs in a freshly forked child before exec, after its identity switch: names
+// the process after the application ($PROC_NAME) and makes its listening
+// socket $TUBIX_DIR/<appName>, kept open across exec as $TUBIX_LISTEN_FD, so
+// that the service can be connected to from before its main runs. 0, or -1
+// with errno set. It never logs and makes only system calls and setenv.
 int32_t ZULInitProc(const AppConfig& config);
 
 #endif

@@ -16,6 +16,8 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -73,6 +75,22 @@ unsigned long long BootTimeNs()
     return static_cast<unsigned long long>(now.tv_sec) * 1000000000ULL + static_cast<unsigned long long>(now.tv_nsec);
 }
 
+// Where the listening socket named by TUBIX_LISTEN_FD listens, or "none".
+std::string ListenPath()
+{
+    const char* value = getenv("TUBIX_LISTEN_FD");
+    int listening = 0;
+    socklen_t length = sizeof(listening);
+    sockaddr_un address{};
+    socklen_t addressLength = sizeof(address);
+    int fd = value == nullptr ? -1 : atoi(value);
+    if (fd < 0 || getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) != 0 || listening != 1 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressLength) != 0) {
+        return "none";
+    }
+    return address.sun_path;
+}
+
 void WriteRecord(const std::string& path, int argc, char* argv[])
 {
     unsigned long long started = BootTimeNs();
@@ -99,6 +117,7 @@ void WriteRecord(const std::string& path, int argc, char* argv[])
         args += (i == 0 ? "" : " ") + std::string(argv[i]);
     }
     fprintf(out, "argv=%s\n", args.c_str());
+    fprintf(out, "listen_path=%s\n", ListenPath().c_str());
     for (char** entry = environ; *entry != nullptr; ++entry) {
         fprintf(out, "env.%s\n", *entry);
     }

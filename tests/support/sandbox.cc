@@ -35,6 +35,8 @@ Sandbox::Sandbox()
     MakeDirs(root_ + "/etc");
     MakeDirs(root_ + "/sys/fs/cgroup");
     MakeDirs(TubixDir());
+    // Services of every user make their endpoints here, as in /run/tubix.
+    chmod(TubixDir().c_str(), 01777);
 }
 
 Sandbox::~Sandbox()

@@ -8,6 +8,7 @@
 
 #include "core/log.h"
 #include "tubix/runtime_dir.h"
+#include "tubix/sleep_util.h"
 #include "tubix/unix_socket.h"
 
 namespace Tubix {
@@ -17,6 +18,9 @@ namespace {
 // enough that hundreds of pipes cost no more threads than one.
 constexpr size_t DELIVERY_THREADS = 4;
 constexpr std::chrono::milliseconds EXIT_WAIT{500};
+// What a process sent just before its end still reaches a peer that reads.
+constexpr std::chrono::milliseconds SEND_DRAIN_WAIT{1000};
+constexpr uint32_t SEND_DRAIN_POLL_MS = 2;
 
 const char* EventName(PipeEvent::Kind kind)
 {
@@ -91,8 +95,8 @@ int32_t Engine::EnsureStarted()
     return 0;
 }
 
-int32_t Engine::Connect(const std::string& path, int32_t timeoutMs, bool retry, const std::string& helloName,
-                        std::shared_ptr<PipeSink> sink)
+int32_t Engine::Connect(const std::string& path, int32_t timeoutMs, bool retry, uint32_t gid,
+                        const std::string& helloName, std::shared_ptr<PipeSink> sink)
 {
     int32_t rc = EnsureStarted();
     if (rc != 0) {
@@ -102,6 +106,11 @@ int32_t Engine::Connect(const std::string& path, int32_t timeoutMs, bool retry, 
     if (socketFd < 0) {
         return socketFd;
     }
+    rc = CheckServicePeer(socketFd, path, gid);
+    if (rc != 0) {
+        close(socketFd);
+        return rc;
+    }
     std::shared_ptr<Pipe> pipe = table_.AddPipe([&](int32_t fd) {
         return std::make_shared<Pipe>(fd, socketFd, loop_.EpollFd(), std::move(sink), nullptr);
     });
@@ -110,14 +119,15 @@ int32_t Engine::Connect(const std::string& path, int32_t timeoutMs, bool retry, 
         rc = -EIO;
     }
     if (rc != 0) {
-        pipe->BeginClose();
+        pipe->BeginClose(true);
         table_.ErasePipe(pipe->Handle());
         return rc;
     }
     return pipe->Handle();
 }
 
-int32_t Engine::Listen(const std::string& path, uint32_t maxConnections, std::shared_ptr<PipeSink> sink)
+int32_t Engine::Listen(const std::string& path, uint32_t maxConnections, std::shared_ptr<PipeSink> sink,
+                       bool adoptInherited)
 {
     int32_t rc = EnsureStarted();
     if (rc != 0) {
@@ -127,7 +137,10 @@ int32_t Engine::Listen(const std::string& path, uint32_t maxConnections, std::sh
         return -EACCES;
     }
     ino_t inode = 0;
-    int socketFd = ListenService(path, &inode);
+    int socketFd = adoptInherited ? AdoptInheritedListener(path, &inode) : -1;
+    if (socketFd < 0) {
+        socketFd = ListenService(path, &inode);
+    }
     if (socketFd < 0) {
         return socketFd;
     }
@@ -201,16 +214,25 @@ int32_t Engine::Call(int32_t fd, const void* data, uint32_t size, int64_t timeou
 int32_t Engine::Close(int32_t fd)
 {
     std::shared_ptr<Pipe> pipe = FindOpen(fd, "close");
-    if (pipe == nullptr) {
-        return -EBADF;
-    }
-    CloseStart start = pipe->BeginClose();
+    return pipe == nullptr ? -EBADF : ClosePipe(pipe, false);
+}
+
+int32_t Engine::CloseFromCallback(int32_t fd)
+{
+    std::shared_ptr<Pipe> pipe = FindOpen(fd, "close");
+    return pipe == nullptr ? -EBADF : ClosePipe(pipe, true);
+}
+
+int32_t Engine::ClosePipe(const std::shared_ptr<Pipe>& pipe, bool ownCallbackMayClose)
+{
+    CloseStart start = pipe->BeginClose(ownCallbackMayClose);
     if (start == CloseStart::BUSY) {
         return -EBUSY;
     }
     if (start == CloseStart::ALREADY) {
         return -EBADF;
     }
+    int32_t fd = pipe->Handle();
     table_.ErasePipe(fd);
     pipe->CloseSocket(false);
     pipe->Calls().FailAll(-ECANCELED);
@@ -227,9 +249,14 @@ bool Engine::DeliverOne(const std::shared_ptr<Pipe>& pipe)
         return false;
     }
     RunCallback(pipe, event);
-    bool closedByCallback = false;
-    bool more = pipe->FinishDelivery(&closedByCallback);
-    if (closedByCallback) {
+    if (event.kind == PipeEvent::Kind::BROKEN && pipe->IsServerSide()) {
+        // Nothing can reach a client that has gone, so its connection is
+        // released here; a close by the callback itself was refused.
+        ClosePipe(pipe, true);
+    }
+    bool closedWhileRunning = false;
+    bool more = pipe->FinishDelivery(&closedWhileRunning);
+    if (closedWhileRunning) {
         Guarded(pipe->Handle(), "close", [&] { pipe->Sink().OnClosed(pipe->Handle()); });
     }
     return more;
@@ -247,6 +274,10 @@ void Engine::Shutdown()
         if (!started_) {
             return;
         }
+    }
+    auto deadline = std::chrono::steady_clock::now() + SEND_DRAIN_WAIT;
+    while (table_.AnyQueuedSends() && std::chrono::steady_clock::now() < deadline) {
+        SleepMs(SEND_DRAIN_POLL_MS);
     }
     loop_.Stop();
     dispatcher_.Stop();

@@ -24,11 +24,15 @@ class Engine {
 public:
     static Engine& Instance();
 
-    // A pipe to the service at path, announced as helloName; the descriptor or a negative code.
-    int32_t Connect(const std::string& path, int32_t timeoutMs, bool retry, const std::string& helloName,
-                    std::shared_ptr<PipeSink> sink);
-    // Serves at path; the listener's number or a negative code. 0 connections: no limit.
-    int32_t Listen(const std::string& path, uint32_t maxConnections, std::shared_ptr<PipeSink> sink);
+    // A pipe to the service at path, announced as helloName; the descriptor or
+    // a negative code. A service that is neither root nor of group gid is refused.
+    int32_t Connect(const std::string& path, int32_t timeoutMs, bool retry, uint32_t gid,
+                    const std::string& helloName, std::shared_ptr<PipeSink> sink);
+    // Serves at path, if adoptInherited on the endpoint made for this process
+    // before exec when there is one; the listener's number or a negative code.
+    // 0 connections: no limit.
+    int32_t Listen(const std::string& path, uint32_t maxConnections, std::shared_ptr<PipeSink> sink,
+                   bool adoptInherited);
     // Stops the listener; the descriptors of its connections, which stay open.
     std::vector<int32_t> StopListening(int32_t listenerId);
 
@@ -36,14 +40,19 @@ public:
     // Sends a request and waits for its response; timeoutMs below 0: no limit.
     int32_t Call(int32_t fd, const void* data, uint32_t size, int64_t timeoutMs, uint32_t* id,
                  std::vector<uint8_t>* reply);
-    // -16 while a callback of the pipe runs on another thread. Called from the
-    // pipe's own callback it answers 0, and the close completes when that callback returns.
+    // -16 from inside a callback of the pipe. From any other thread the pipe
+    // stops delivering at once, its socket closes and the answer is 0; a
+    // callback that runs meanwhile finishes, and the pipe is released after it.
     int32_t Close(int32_t fd);
+    // The same, but allowed from inside the pipe's own callback, where the
+    // close completes when that callback returns.
+    int32_t CloseFromCallback(int32_t fd);
 
 private:
     Engine();
     int32_t EnsureStarted();
     std::shared_ptr<Pipe> FindOpen(int32_t fd, const char* operation) const;
+    int32_t ClosePipe(const std::shared_ptr<Pipe>& pipe, bool ownCallbackMayClose);
     bool DeliverOne(const std::shared_ptr<Pipe>& pipe);
     void Shutdown();
 

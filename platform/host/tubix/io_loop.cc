@@ -55,19 +55,26 @@ void IoLoop::Run()
             return;
         }
         for (int i = 0; i < count && !stopping_; ++i) {
-            Wake(events[i].data.u64);
+            Wake(events[i]);
         }
     }
 }
 
-void IoLoop::Wake(uint64_t tag)
+void IoLoop::Wake(const epoll_event& event)
 {
+    uint64_t tag = event.data.u64;
     switch (EpollTagKind(tag)) {
         case EpollKind::LISTENER:
             AcceptClients(EpollTagId(tag));
             break;
         case EpollKind::PIPE:
-            ReadPipe(EpollTagId(tag));
+            // A hang-up or an error fails the queued sends, and ends the reading.
+            if ((event.events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0) {
+                FlushPipe(EpollTagId(tag));
+            }
+            if ((event.events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
+                ReadPipe(EpollTagId(tag));
+            }
             break;
         case EpollKind::WAKE: {
             uint64_t count = 0;
@@ -96,8 +103,16 @@ void IoLoop::Adopt(const std::shared_ptr<Listener>& listener, int fd)
         return std::make_shared<Pipe>(handle, fd, epollFd_, listener->Sink(), listener);
     });
     if (!pipe->Watch()) {
-        pipe->BeginClose();
+        pipe->BeginClose(true);
         table_.ErasePipe(pipe->Handle());
+    }
+}
+
+void IoLoop::FlushPipe(int32_t fd)
+{
+    std::shared_ptr<Pipe> pipe = table_.FindPipe(fd);
+    if (pipe != nullptr) {
+        pipe->FlushQueue();
     }
 }
 
@@ -172,7 +187,7 @@ void IoLoop::HandleHangup(const std::shared_ptr<Pipe>& pipe)
     pipe->Calls().FailAll(-EPIPE);
     if (pipe->IsServerSide() && !pipe->HelloSeen()) {
         // Nobody was told of this client, so nobody is told it has gone.
-        pipe->BeginClose();
+        pipe->BeginClose(true);
         table_.ErasePipe(pipe->Handle());
         return;
     }

@@ -1,6 +1,8 @@
 #ifndef STAVIK_PLATFORM_HOST_TUBIX_IO_LOOP_H
 #define STAVIK_PLATFORM_HOST_TUBIX_IO_LOOP_H
 
+#include <sys/epoll.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -14,8 +16,9 @@ namespace Tubix {
 
 // The one reading thread: accepts clients, reads every packet of every pipe,
 // checks its frame, hands responses to their waiting callers and queues
-// everything else for delivery. It never runs a callback, so a slow callback
-// can't stop responses or other pipes.
+// everything else for delivery; and flushes the send queue of a pipe whose
+// socket has room again. It never runs a callback, so a slow callback can't
+// stop responses or other pipes.
 class IoLoop {
 public:
     IoLoop(PipeTable& table, Dispatcher& dispatcher) : table_(table), dispatcher_(dispatcher) {}
@@ -25,7 +28,8 @@ public:
 
 private:
     void Run();
-    void Wake(uint64_t tag);
+    void Wake(const struct epoll_event& event);
+    void FlushPipe(int32_t fd);
     void AcceptClients(int32_t listenerId);
     void Adopt(const std::shared_ptr<Listener>& listener, int fd);
     void ReadPipe(int32_t fd);

@@ -9,6 +9,7 @@
 #include "core/log.h"
 #include "tubix/epoll_tag.h"
 #include "tubix/listener.h"
+#include "tubix/runtime_dir.h"
 
 namespace Tubix {
 namespace {
@@ -17,11 +18,13 @@ namespace {
 // so the peer's sends meet a full socket (-11) instead of growing our memory.
 constexpr size_t MAX_QUEUED_EVENTS = 1024;
 constexpr size_t RESUME_QUEUED_EVENTS = MAX_QUEUED_EVENTS / 2;
+constexpr size_t SEND_QUEUE_MAX_BYTES = 4 * 1024 * 1024;
 
 } // namespace
 
 Pipe::Pipe(int32_t handle, int fd, int epollFd, std::shared_ptr<PipeSink> sink, std::shared_ptr<Listener> listener)
-    : handle_(handle), epollFd_(epollFd), sink_(std::move(sink)), listener_(std::move(listener)), fd_(fd)
+    : handle_(handle), epollFd_(epollFd), sink_(std::move(sink)), listener_(std::move(listener)), fd_(fd),
+      sendQueue_(SendQueueMaxMessages(), SEND_QUEUE_MAX_BYTES)
 {
 }
 
@@ -46,22 +49,65 @@ int32_t Pipe::SendFrame(FrameKind kind, uint32_t id, const void* data, uint32_t 
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = size > 0 ? 2 : 1;
-    int err = 0;
-    {
-        std::lock_guard<std::mutex> guard(fdMutex_);
-        if (fd_ < 0) {
-            return peerGone_ ? -EPIPE : -EBADF;
-        }
+    std::lock_guard<std::mutex> guard(fdMutex_);
+    if (fd_ < 0) {
+        return peerGone_ ? -EPIPE : -EBADF;
+    }
+    if (sendQueue_.Empty()) {
         if (sendmsg(fd_, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
             return 0;
         }
-        err = errno;
+        int err = errno;
+        if (err != EAGAIN && err != EWOULDBLOCK) {
+            Stavik::Syslog(LOG_ERR, "Tubix: send on fd=%d failed, errno=%d", handle_, err);
+            return -err;
+        }
     }
-    if (err == EAGAIN || err == EWOULDBLOCK) {
-        return -EAGAIN;
+    return QueueLocked(header, data, size);
+}
+
+int32_t Pipe::QueueLocked(const uint8_t* header, const void* data, uint32_t size)
+{
+    if (!sendQueue_.Push(header, FRAME_HEADER_SIZE, data, size)) {
+        if (!overflowed_) {
+            overflowed_ = true;
+            Stavik::Syslog(LOG_ERR, "Tubix: send queue of fd=%d is full (%zu messages); sends fail until the peer reads",
+                           handle_, sendQueue_.Size());
+        }
+        return -ENOBUFS;
     }
-    Stavik::Syslog(LOG_ERR, "Tubix: send on fd=%d failed, errno=%d", handle_, err);
-    return -err;
+    UpdateEpollLocked();
+    return 0;
+}
+
+void Pipe::FlushQueue()
+{
+    std::lock_guard<std::mutex> guard(fdMutex_);
+    while (fd_ >= 0 && !sendQueue_.Empty()) {
+        const std::vector<uint8_t>& frame = sendQueue_.Front();
+        if (send(fd_, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+            int err = errno;
+            if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) {
+                break;
+            }
+            size_t dropped = sendQueue_.Clear();
+            Stavik::Syslog(LOG_WARNING, "Tubix: send on fd=%d failed, errno=%d; %zu queued messages dropped", handle_,
+                           err, dropped);
+            break;
+        }
+        sendQueue_.Pop();
+    }
+    if (sendQueue_.Empty() && overflowed_) {
+        overflowed_ = false;
+        Stavik::Syslog(LOG_INFO, "Tubix: send queue of fd=%d has drained", handle_);
+    }
+    UpdateEpollLocked();
+}
+
+bool Pipe::HasQueuedSends()
+{
+    std::lock_guard<std::mutex> guard(fdMutex_);
+    return !sendQueue_.Empty();
 }
 
 ReceiveStatus Pipe::Receive(std::vector<uint8_t>* buffer, size_t* packetSize)
@@ -103,26 +149,41 @@ bool Pipe::PeerShutDown() const
 
 bool Pipe::Watch()
 {
-    std::lock_guard<std::mutex> guard(mutex_);
-    SetWatched(true);
-    std::lock_guard<std::mutex> fdGuard(fdMutex_);
-    return watched_;
+    std::lock_guard<std::mutex> guard(fdMutex_);
+    reading_ = true;
+    UpdateEpollLocked();
+    return epollEvents_ != 0;
 }
 
-void Pipe::SetWatched(bool watched)
+void Pipe::SetReading(bool reading)
 {
     std::lock_guard<std::mutex> guard(fdMutex_);
-    if (fd_ < 0 || watched_ == watched) {
+    reading_ = reading;
+    UpdateEpollLocked();
+}
+
+void Pipe::UpdateEpollLocked()
+{
+    if (fd_ < 0) {
         return;
     }
+    uint32_t readEvents = EPOLLIN | EPOLLRDHUP;
+    uint32_t writeEvents = EPOLLOUT;
+    uint32_t wanted = (reading_ ? readEvents : 0) | (sendQueue_.Empty() ? 0 : writeEvents);
+    if (wanted == epollEvents_) {
+        return;
+    }
+    // With nothing wanted the socket leaves the set: epoll would still report
+    // its hang-up, and the reading thread would spin on it.
+    int operation = epollEvents_ == 0 ? EPOLL_CTL_ADD : (wanted == 0 ? EPOLL_CTL_DEL : EPOLL_CTL_MOD);
     epoll_event event{};
-    event.events = EPOLLIN | EPOLLRDHUP;
+    event.events = wanted;
     event.data.u64 = MakeEpollTag(EpollKind::PIPE, handle_);
-    if (epoll_ctl(epollFd_, watched ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, fd_, &event) != 0) {
+    if (epoll_ctl(epollFd_, operation, fd_, &event) != 0) {
         Stavik::Syslog(LOG_ERR, "Tubix: epoll_ctl for fd=%d failed, errno=%d", handle_, errno);
         return;
     }
-    watched_ = watched;
+    epollEvents_ = wanted;
 }
 
 void Pipe::CloseSocket(bool peerGone)
@@ -131,9 +192,13 @@ void Pipe::CloseSocket(bool peerGone)
     if (fd_ < 0) {
         return;
     }
-    if (watched_) {
+    if (epollEvents_ != 0) {
         epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd_, nullptr);
-        watched_ = false;
+        epollEvents_ = 0;
+    }
+    size_t dropped = sendQueue_.Clear();
+    if (dropped != 0) {
+        Stavik::Syslog(LOG_WARNING, "Tubix: fd=%d closed with %zu queued messages dropped", handle_, dropped);
     }
     close(fd_);
     fd_ = -1;
@@ -159,7 +224,7 @@ bool Pipe::Push(PipeEvent event)
     queue_.push_back(std::move(event));
     if (queue_.size() >= MAX_QUEUED_EVENTS && !paused_) {
         paused_ = true;
-        SetWatched(false);
+        SetReading(false);
     }
     if (scheduled_) {
         return false;
@@ -187,17 +252,17 @@ bool Pipe::TakeNext(PipeEvent* event)
     runner_ = std::this_thread::get_id();
     if (paused_ && queue_.size() <= RESUME_QUEUED_EVENTS) {
         paused_ = false;
-        SetWatched(true);
+        SetReading(true);
     }
     return true;
 }
 
-bool Pipe::FinishDelivery(bool* closedByCallback)
+bool Pipe::FinishDelivery(bool* closedWhileRunning)
 {
     std::lock_guard<std::mutex> guard(mutex_);
     running_ = false;
-    *closedByCallback = deferredClose_;
-    deferredClose_ = false;
+    *closedWhileRunning = closedWhileRunning_;
+    closedWhileRunning_ = false;
     if (closed_ || queue_.empty()) {
         scheduled_ = false;
         return false;
@@ -205,19 +270,20 @@ bool Pipe::FinishDelivery(bool* closedByCallback)
     return true;
 }
 
-CloseStart Pipe::BeginClose()
+CloseStart Pipe::BeginClose(bool ownCallbackMayClose)
 {
     std::lock_guard<std::mutex> guard(mutex_);
     if (closed_) {
         return CloseStart::ALREADY;
     }
-    if (running_ && runner_ != std::this_thread::get_id()) {
+    if (running_ && runner_ == std::this_thread::get_id() && !ownCallbackMayClose) {
         return CloseStart::BUSY;
     }
+    // A callback running on another thread finishes; nothing is delivered after it.
     closed_ = true;
     queue_.clear();
     if (running_) {
-        deferredClose_ = true;
+        closedWhileRunning_ = true;
         return CloseStart::DEFERRED;
     }
     return CloseStart::NOW;

@@ -12,6 +12,7 @@
 #include "tubix/call_table.h"
 #include "tubix/frame.h"
 #include "tubix/pipe_sink.h"
+#include "tubix/send_queue.h"
 
 namespace Tubix {
 
@@ -44,10 +45,16 @@ public:
     PipeSink& Sink() const { return *sink_; }
     CallTable& Calls() { return calls_; }
 
-    // Socket, from any thread. A send never blocks: -11 when the peer's queue is full.
+    // Socket, from any thread. A send never blocks: a frame that does not fit
+    // the socket waits in the pipe's send queue, behind which every later
+    // frame waits too; a full queue answers -105 at once.
     int32_t SendFrame(FrameKind kind, uint32_t id, const void* data, uint32_t size);
+    // Reading thread, when the socket has room: sends what the queue holds.
+    void FlushQueue();
+    bool HasQueuedSends();
     ReceiveStatus Receive(std::vector<uint8_t>* buffer, size_t* packetSize);
     bool Watch();
+    // Closes the socket and drops what its send queue still holds.
     void CloseSocket(bool peerGone);
     uint32_t NextRequestId();
 
@@ -60,12 +67,17 @@ public:
     bool Push(PipeEvent event);
     bool IsPaused();
     bool TakeNext(PipeEvent* event);
-    // After a callback: whether more waits, and whether the callback closed its own pipe.
-    bool FinishDelivery(bool* closedByCallback);
-    CloseStart BeginClose();
+    // After a callback: whether more waits, and whether the pipe was closed while it ran.
+    bool FinishDelivery(bool* closedWhileRunning);
+    // A close from inside the pipe's own callback is BUSY unless ownCallbackMayClose.
+    CloseStart BeginClose(bool ownCallbackMayClose);
 
 private:
-    void SetWatched(bool watched);
+    void SetReading(bool reading);
+    // The events epoll watches follow what the pipe wants: input while it
+    // reads, room to write while its send queue holds frames.
+    void UpdateEpollLocked();
+    int32_t QueueLocked(const uint8_t* header, const void* data, uint32_t size);
     bool PeerShutDown() const;
 
     const int32_t handle_;
@@ -76,11 +88,15 @@ private:
     bool helloSeen_ = false;
     CallTable calls_;
 
-    // Guards the socket against being closed under a send or a receive.
+    // Guards the socket against being closed under a send or a receive, and
+    // the send queue, so that frames leave in the order they were sent.
     std::mutex fdMutex_;
     int fd_;
     bool peerGone_ = false;
-    bool watched_ = false;
+    bool reading_ = false;
+    uint32_t epollEvents_ = 0; // 0: not in the epoll set
+    SendQueue sendQueue_;
+    bool overflowed_ = false;
 
     // Guards delivery; taken before fdMutex_ when both are needed.
     std::mutex mutex_;
@@ -89,7 +105,7 @@ private:
     bool running_ = false;
     std::thread::id runner_;
     bool closed_ = false;
-    bool deferredClose_ = false;
+    bool closedWhileRunning_ = false;
     bool paused_ = false;
 };
 

@@ -56,6 +56,17 @@ std::vector<int32_t> PipeTable::PipesOf(const Listener* listener) const
     return fds;
 }
 
+bool PipeTable::AnyQueuedSends() const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (const auto& entry : pipes_) {
+        if (entry.second->HasQueuedSends()) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::shared_ptr<Listener> PipeTable::AddListener(const ListenerFactory& make)
 {
     std::lock_guard<std::mutex> guard(mutex_);

@@ -24,6 +24,7 @@ public:
     std::shared_ptr<Pipe> FindPipe(int32_t fd) const;
     void ErasePipe(int32_t fd);
     std::vector<int32_t> PipesOf(const Listener* listener) const;
+    bool AnyQueuedSends() const;
 
     std::shared_ptr<Listener> AddListener(const ListenerFactory& make);
     std::shared_ptr<Listener> FindListener(int32_t id) const;

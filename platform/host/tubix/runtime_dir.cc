@@ -11,7 +11,10 @@ namespace Tubix {
 namespace {
 
 constexpr const char* DEFAULT_RUNTIME_DIR = "/run/tubix";
-constexpr int32_t DEFAULT_OPEN_TIMEOUT_MS = 10000;
+// With the endpoint made before exec, an open only ever waits for the gap
+// between a fork and the child's registration.
+constexpr int32_t DEFAULT_OPEN_TIMEOUT_MS = 1000;
+constexpr size_t SEND_QUEUE_MAX_MESSAGES = 4096;
 constexpr mode_t SHARED_DIR_MODE = 01777;
 
 bool MakeDir(const std::string& dir)
@@ -62,6 +65,20 @@ int32_t DefaultOpenTimeoutMs()
         return DEFAULT_OPEN_TIMEOUT_MS;
     }
     return static_cast<int32_t>(parsed);
+}
+
+size_t SendQueueMaxMessages()
+{
+    const char* value = getenv("TUBIX_SEND_QUEUE_MAX");
+    if (value == nullptr || value[0] == '\0') {
+        return SEND_QUEUE_MAX_MESSAGES;
+    }
+    char* end = nullptr;
+    unsigned long parsed = strtoul(value, &end, 10);
+    if (*end != '\0' || parsed == 0 || parsed > SEND_QUEUE_MAX_MESSAGES) {
+        return SEND_QUEUE_MAX_MESSAGES;
+    }
+    return parsed;
 }
 
 bool IsSafeServiceName(const std::string& name)

@@ -52,7 +52,7 @@ int32_t TubixOpen(const TubixOpenParam* param)
     }
     int32_t timeoutMs = param->timeoutMs >= 0 ? param->timeoutMs : Tubix::DefaultOpenTimeoutMs();
     std::string path = Tubix::RuntimeDir() + "/" + name;
-    int32_t fd = Tubix::Engine::Instance().Connect(path, timeoutMs, param->retryOnMissing != 0,
+    int32_t fd = Tubix::Engine::Instance().Connect(path, timeoutMs, param->retryOnMissing != 0, param->gid,
                                                    Tubix::OwnProcName(),
                                                    std::make_shared<Tubix::HandlerSink>(param->handler));
     if (fd == -EAGAIN) {
@@ -78,7 +78,7 @@ int32_t TubixCreateServer(const TubixServerParam* param)
     }
     int32_t rc = Tubix::Engine::Instance().Listen(
         Tubix::RuntimeDir() + "/" + name, param->maxConnections,
-        std::make_shared<Tubix::ServerSink>(param->connectCallback, param->requestCallback));
+        std::make_shared<Tubix::ServerSink>(param->connectCallback, param->requestCallback), true);
     return rc < 0 ? rc : 0;
 }
 

@@ -153,6 +153,23 @@ int ListenService(const std::string& path, ino_t* inode)
     return fd;
 }
 
+int CheckServicePeer(int fd, const std::string& path, uint32_t gid)
+{
+    ucred peer{};
+    socklen_t length = sizeof(peer);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        int err = errno;
+        Stavik::Syslog(LOG_ERR, "Tubix: open %s: cannot read the service's credentials, errno=%d", path.c_str(), err);
+        return -err;
+    }
+    if (peer.uid != 0 && peer.gid != gid) {
+        Stavik::Syslog(LOG_ERR, "Tubix: open %s refused: the process serving it (pid %d) has gid %u, the service has gid %u",
+                       path.c_str(), static_cast<int>(peer.pid), static_cast<unsigned>(peer.gid), gid);
+        return -EACCES;
+    }
+    return 0;
+}
+
 void UnlinkOwnSocket(const std::string& path, ino_t inode)
 {
     struct stat info;

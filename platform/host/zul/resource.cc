@@ -2,20 +2,17 @@
 
 #include <errno.h>
 
-#include <chrono>
 #include <cstring>
 
 #include "core/log.h"
 #include "tubix/engine.h"
 #include "tubix/frame.h"
-#include "tubix/sleep_util.h"
 
 namespace Zul {
 namespace {
 
 // u32 cmd (or i32 result), then u32 0, then the record.
 constexpr size_t IOCTL_HEADER_SIZE = 8;
-constexpr uint32_t REPLY_RETRY_MS = 1;
 
 std::vector<uint8_t> BareReply(int32_t result)
 {
@@ -26,8 +23,7 @@ std::vector<uint8_t> BareReply(int32_t result)
 
 } // namespace
 
-Resource::Resource(std::string name, const ZulServiceOps& ops, uint32_t replyTimeoutMs)
-    : name_(std::move(name)), ops_(ops), replyTimeoutMs_(replyTimeoutMs)
+Resource::Resource(std::string name, const ZulServiceOps& ops) : name_(std::move(name)), ops_(ops)
 {
 }
 
@@ -42,7 +38,7 @@ void Resource::OnHello(int32_t fd, const std::string& clientName)
     {
         std::lock_guard<std::mutex> guard(mutex_);
         if (withdrawn_) {
-            Tubix::Engine::Instance().Close(fd);
+            Tubix::Engine::Instance().CloseFromCallback(fd);
             return;
         }
     }
@@ -52,7 +48,7 @@ void Resource::OnHello(int32_t fd, const std::string& clientName)
     int32_t rc = ops_.openEntry != nullptr ? ops_.openEntry(&open->file) : 0;
     if (rc < 0) {
         Stavik::Syslog(LOG_WARNING, "ZUL: %s refused the open by %s, ret=%d", name_.c_str(), clientName.c_str(), rc);
-        Tubix::Engine::Instance().Close(fd);
+        Tubix::Engine::Instance().CloseFromCallback(fd);
         return;
     }
     std::lock_guard<std::mutex> guard(mutex_);
@@ -62,8 +58,7 @@ void Resource::OnHello(int32_t fd, const std::string& clientName)
 void Resource::OnRequest(int32_t fd, const TubixRequest* req)
 {
     if (req == nullptr) {
-        // Closing from inside this callback completes after it, and then OnClosed runs Close.
-        Tubix::Engine::Instance().Close(fd);
+        // The library releases the connection after this callback, and OnClosed runs Close.
         return;
     }
     ZulFile* file = FindFile(fd);
@@ -121,16 +116,9 @@ std::vector<uint8_t> Resource::RunIoctl(ZulFile* file, const TubixRequest& req)
 
 void Resource::Answer(int32_t fd, uint32_t id, const std::vector<uint8_t>& reply)
 {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(replyTimeoutMs_);
-    int32_t rc = 0;
-    while (true) {
-        rc = Tubix::Engine::Instance().Send(fd, Tubix::FrameKind::RESPONSE, id, reply.data(),
-                                            static_cast<uint32_t>(reply.size()));
-        if (rc != -EAGAIN || std::chrono::steady_clock::now() >= deadline) {
-            break;
-        }
-        Tubix::SleepMs(REPLY_RETRY_MS);
-    }
+    // A client that does not read its replies fills only its own send queue.
+    int32_t rc = Tubix::Engine::Instance().Send(fd, Tubix::FrameKind::RESPONSE, id, reply.data(),
+                                                static_cast<uint32_t>(reply.size()));
     if (rc != 0) {
         Stavik::Syslog(LOG_ERR, "ZUL: %s reply on fd=%d failed, ret=%d", name_.c_str(), fd, rc);
     }

@@ -19,7 +19,7 @@ namespace Zul {
 // exactly one Close, after its last Ioctl.
 class Resource : public Tubix::PipeSink {
 public:
-    Resource(std::string name, const ZulServiceOps& ops, uint32_t replyTimeoutMs);
+    Resource(std::string name, const ZulServiceOps& ops);
     void OnHello(int32_t fd, const std::string& clientName) override;
     void OnRequest(int32_t fd, const TubixRequest* req) override;
     void OnClosed(int32_t fd) override;
@@ -38,7 +38,6 @@ private:
 
     const std::string name_;
     const ZulServiceOps ops_;
-    const uint32_t replyTimeoutMs_;
     std::mutex mutex_;
     bool withdrawn_ = false;
     std::unordered_map<int32_t, std::unique_ptr<OpenFile>> files_;

@@ -9,14 +9,10 @@
 #include "core/log.h"
 #include "tubix/engine.h"
 #include "tubix/runtime_dir.h"
-#include "tubix/sleep_util.h"
 #include "zul.h"
 #include "zul/resource.h"
 
 namespace {
-
-// How long a withdrawal waits for an ioctl in progress on a connection.
-constexpr uint32_t WITHDRAW_WAIT_MS = 2000;
 
 struct Registration {
     int32_t listenerId;
@@ -40,20 +36,6 @@ std::string ResourcePath(const std::string& name)
     return Tubix::RuntimeDir() + "/res" + name;
 }
 
-void CloseConnection(const std::string& name, int32_t fd)
-{
-    int32_t rc = -EBUSY;
-    for (uint32_t waited = 0; rc == -EBUSY && waited <= WITHDRAW_WAIT_MS; ++waited) {
-        rc = Tubix::Engine::Instance().Close(fd);
-        if (rc == -EBUSY) {
-            Tubix::SleepMs(1);
-        }
-    }
-    if (rc == -EBUSY) {
-        Stavik::Syslog(LOG_ERR, "ZUL: %s connection fd=%d still busy, left open", name.c_str(), fd);
-    }
-}
-
 } // namespace
 
 int32_t ZULRegisterService(const ZulServiceParam* param)
@@ -72,9 +54,9 @@ int32_t ZULRegisterService(const ZulServiceParam* param)
         Stavik::Syslog(LOG_ERR, "ZUL: %s is already registered by this process", name.c_str());
         return -EEXIST;
     }
-    auto resource = std::make_shared<Zul::Resource>(name, *param->ops, param->timeoutMs);
+    auto resource = std::make_shared<Zul::Resource>(name, *param->ops);
     std::string path = ResourcePath(name);
-    int32_t id = Tubix::Engine::Instance().Listen(path, 0, resource);
+    int32_t id = Tubix::Engine::Instance().Listen(path, 0, resource, false);
     if (id < 0) {
         Stavik::Syslog(LOG_ERR, "ZUL: register %s at %s failed, ret=%d", name.c_str(), path.c_str(), id);
         return id;
@@ -95,7 +77,7 @@ int32_t ZULRetrieveService()
     for (auto& entry : withdrawn) {
         entry.second.resource->Withdraw();
         for (int32_t fd : Tubix::Engine::Instance().StopListening(entry.second.listenerId)) {
-            CloseConnection(entry.first, fd);
+            Tubix::Engine::Instance().Close(fd);
         }
         Stavik::Syslog(LOG_INFO, "ZUL: %s withdrawn", entry.first.c_str());
     }

@@ -288,6 +288,9 @@ TEST_F(BaseStartRun, ChildEnvironmentHoldsExactlyTheBaseVariables)
         } else if (name == "svc_a") {
             expected.insert({{"GRP_HB", "1"}, {"GRP_HB_COUNT", "3"}});
         }
+        // Each service finds its endpoint listening from before its main runs.
+        EXPECT_EQ(record["listen_path"], sandbox_->TubixDir() + "/" + name);
+        expected["TUBIX_LISTEN_FD"] = ProbeEnv(record)["TUBIX_LISTEN_FD"];
         EXPECT_EQ("", MapDiff(expected, ProbeEnv(record))) << "service " << name;
     }
 }

@@ -47,8 +47,16 @@ EnvMap Expected(const EnvMap& added)
 
 class ChildEnvTest : public ::testing::Test {
 protected:
-    void SetUp() override { DaemonHomeEnv() = HOME; }
-    void TearDown() override { DaemonHomeEnv().clear(); }
+    void SetUp() override
+    {
+        DaemonHomeEnv() = HOME;
+        setenv("TUBIX_DIR", sandbox_.TubixDir().c_str(), 1);
+    }
+    void TearDown() override
+    {
+        DaemonHomeEnv().clear();
+        unsetenv("TUBIX_DIR");
+    }
 
     // Starts the record on the probe, which writes its record and exits 0,
     // and returns the environment the child saw.
@@ -62,11 +70,15 @@ protected:
         EXPECT_EQ(Support::ReapChild(app.pid_), W_EXITCODE(0, 0));
         EXPECT_EQ(pipe_.ReadAll(), "");
         EnvMap env;
-        for (const auto& entry : Support::ReadProbeRecord(out)) {
+        std::map<std::string, std::string> record = Support::ReadProbeRecord(out);
+        for (const auto& entry : record) {
             if (entry.first.compare(0, 4, "env.") == 0) {
                 env.insert(entry);
             }
         }
+        // The endpoint's number is whatever was free in the child; where it listens is fixed.
+        EXPECT_EQ(record["listen_path"], sandbox_.TubixDir() + "/envprobe");
+        env.erase("env.TUBIX_LISTEN_FD");
         return env;
     }
 

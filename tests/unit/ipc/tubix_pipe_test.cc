@@ -1,4 +1,5 @@
 // A pipe of this process to a server in another process.
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -158,23 +159,38 @@ TEST_F(TubixPipeTest, APeerThatGoesIsReportedOnce)
     EXPECT_EQ(closedByDeath.Nulls(), 1);
 }
 
-TEST_F(TubixPipeTest, AServerThatDoesNotReadMakesSendsTryAgain)
+TEST_F(TubixPipeTest, AStoppedReaderLosesNothingAndAFullQueueFailsAtOnce)
 {
+    Stavik::LogCapture::Begin();
+    setenv("TUBIX_SEND_QUEUE_MAX", "64", 1);
     Peer server = RunPeer("echo", {"server"});
     Inbox inbox;
     int32_t fd = OpenService("echo", inbox.Handler());
+    unsetenv("TUBIX_SEND_QUEUE_MAX");
     ASSERT_GT(fd, 0);
-    ASSERT_EQ(Send(fd, "stall"), 0);
+    ASSERT_EQ(Rpc(fd, "report"), "count=0 bad=0 held=0");
 
-    std::string chunk(1024, 'x');
+    server->Signal(SIGSTOP);
+    uint32_t sent = 0;
     int32_t rc = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    for (int sent = 0; sent < 100000 && rc == 0 && std::chrono::steady_clock::now() < deadline; ++sent) {
-        rc = Send(fd, chunk);
+    auto started = std::chrono::steady_clock::now();
+    while (rc == 0 && sent < 100000) {
+        std::vector<uint8_t> message = SeqMessage(sent);
+        rc = TubixSendRequest(fd, TubixRequest{0, message.data(), static_cast<uint32_t>(message.size())});
+        sent += rc == 0 ? 1 : 0;
     }
-    EXPECT_EQ(rc, -11);
-    server->KillGroup();
-    EXPECT_TRUE(WaitUntil([&] { return inbox.Nulls() == 1; }));
+    // A full queue is a hard error at once, never a wait.
+    EXPECT_EQ(rc, -105);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+    EXPECT_GT(sent, 64u);
+    EXPECT_TRUE(Stavik::LogCapture::Contains("is full (64 messages)"));
+
+    // Once the peer reads again, everything accepted arrives, in order, before what follows.
+    server->Signal(SIGCONT);
+    std::string expected = "count=" + std::to_string(sent) + " bad=0 held=0";
+    EXPECT_TRUE(WaitUntil([] { return Stavik::LogCapture::Contains("has drained"); }, 20000));
+    EXPECT_EQ(Rpc(fd, "report"), expected);
+    Stavik::LogCapture::End();
     EXPECT_EQ(TubixClosePipe(fd), 0);
 }
 
@@ -197,28 +213,33 @@ TEST_F(TubixPipeTest, ClosingAPipeWhoseCallbackRuns)
         std::unique_lock<std::mutex> lock(mutex);
         ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return entered == 1; }));
     }
-    EXPECT_EQ(TubixClosePipe(blocked), -16);
+    // The close does not wait for the callback that waits on the closer.
+    EXPECT_EQ(TubixClosePipe(blocked), 0);
+    EXPECT_EQ(Send(blocked, "more"), -9);
     {
         std::lock_guard<std::mutex> guard(mutex);
         released = true;
         changed.notify_all();
     }
-    EXPECT_TRUE(WaitUntil([&] { return TubixClosePipe(blocked) == 0; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        EXPECT_EQ(entered, 1);
+    }
 
-    // Closing from inside its own callback completes after it; nothing follows.
-    std::atomic<int> calls{0};
+    // From inside its own callback a close is refused as busy, and the pipe stays open.
     std::atomic<int32_t> closeResult{1};
-    int32_t self = OpenService("echo", [&](int32_t fd, const TubixRequest*) {
-        ++calls;
-        closeResult = TubixClosePipe(fd);
+    int32_t self = OpenService("echo", [&](int32_t fd, const TubixRequest* req) {
+        if (req != nullptr && closeResult == 1) {
+            closeResult = TubixClosePipe(fd);
+        }
     });
     ASSERT_GT(self, 0);
-    ASSERT_EQ(Send(self, "push 5"), 0);
+    ASSERT_EQ(Send(self, "push 1"), 0);
     ASSERT_TRUE(WaitUntil([&] { return closeResult != 1; }));
-    EXPECT_EQ(closeResult, 0);
-    EXPECT_EQ(Send(self, "more"), -9);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(closeResult, -16);
+    EXPECT_EQ(Rpc(self, "report"), "count=0 bad=0 held=0");
+    EXPECT_EQ(TubixClosePipe(self), 0);
 }
 
 TEST_F(TubixPipeTest, OpenWaitsForALateServerOrTimesOut)

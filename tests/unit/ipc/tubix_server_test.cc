@@ -38,6 +38,11 @@ void OnConnect(int32_t fd, const char* name, uint32_t nameLen)
 
 void OnRequest(int32_t fd, const TubixRequest* req)
 {
+    // The client's last call, which shows it that all it sent has arrived.
+    if (req != nullptr && std::string(static_cast<const char*>(req->data), req->size) == "sync") {
+        TubixSendResponse(fd, TubixResponse{req->id, const_cast<void*>(req->data), req->size});
+        return;
+    }
     {
         std::lock_guard<std::mutex> guard(Record().mutex);
         if (req == nullptr) {
@@ -46,9 +51,6 @@ void OnRequest(int32_t fd, const TubixRequest* req)
             const uint8_t* data = static_cast<const uint8_t*>(req->data);
             Record().requests[fd].emplace_back(data, data + req->size);
         }
-    }
-    if (req == nullptr) {
-        TubixClosePipe(fd);
     }
 }
 
