@@ -69,12 +69,9 @@ write_manifest() {
   } > "$root/etc/base.yaml"
 }
 
-# Every restart opens a pipe to the service, and the probes don't listen: with
-# the library's open time-out (10 s, tried twice) each restart would stall the
-# check pass, so the opens are made to fail at once.
 start_daemon() {
   local root=$1
-  STAVIK_SYSROOT="$root" STAVIK_LOG_STDERR=1 TUBIX_DIR="$root/run/tubix" TUBIX_OPEN_TIMEOUT_MS=0 \
+  STAVIK_SYSROOT="$root" STAVIK_LOG_STDERR=1 TUBIX_DIR="$root/run/tubix" \
     setsid "$daemon_bin" "$root/etc/base.yaml" 2> "$root/daemon.log" &
   daemon_pid=$!
 }

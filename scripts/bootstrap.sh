@@ -10,7 +10,7 @@ PACKAGES=(
   libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
-  procps
+  procps util-linux python3
 )
 
 missing=()

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "tubix/endpoint_memory.h"
 #include "tubix/sleep_util.h"
 
 namespace Tubix {
@@ -110,16 +111,33 @@ int ConnectService(const std::string& path, int32_t timeoutMs, bool retry)
     if (!FillAddress(path, &address)) {
         return -ENAMETOOLONG;
     }
+    EndpointMemory& memory = EndpointMemory::Instance();
+    EndpointFile stale;
+    bool knowsStale = memory.Recall(path, &stale);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (true) {
         int fd = -1;
         int err = TryConnect(address, &fd);
+        EndpointFile seen;
+        bool exists = EndpointMemory::Look(path, &seen);
+        if (exists) {
+            memory.Remember(path, seen);
+        }
         if (err == 0) {
             return fd;
         }
         if (!IsNotUpYet(err)) {
             Stavik::Syslog(LOG_ERR, "Tubix: connect to %s failed, errno=%d", path.c_str(), err);
             return -err;
+        }
+        if (err == ECONNREFUSED && exists) {
+            if (knowsStale && seen != stale) {
+                Stavik::Syslog(LOG_ERR, "Tubix: %s was served since it was last seen, and nobody serves it now",
+                               path.c_str());
+                return -ECONNREFUSED;
+            }
+            stale = seen;
+            knowsStale = true;
         }
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (!retry || left.count() <= 0) {

@@ -20,11 +20,6 @@ const gid_t IO_ERROR_GID = 4125;
 // Long enough for the daemon to file the record before the first death.
 const std::string LIFETIME_MS = "100";
 
-// Every restart opens a pipe to the service, and no service here listens: the
-// library's open time-out is cut so that the opens fail at once and the
-// restart loops run at their own pace.
-const std::map<std::string, std::string> NO_OPEN_WAIT = {{"TUBIX_OPEN_TIMEOUT_MS", "0"}};
-
 std::string CheckLine(const std::string& name, pid_t pid, const std::string& what)
 {
     return "STAVIK: CheckThread : owner=" + name + ", pid=" + std::to_string(pid) + ", state=TERMINATED " + what;
@@ -63,7 +58,7 @@ protected:
             ProbeApp("exit3", {"--after-ms", LIFETIME_MS, "--exit", "3"}),
         };
         std::string manifest = sandbox_->WriteFile("/etc/base.yaml", AppsText(services));
-        daemon_ = new DaemonProcess(*sandbox_, {manifest}, NO_OPEN_WAIT);
+        daemon_ = new DaemonProcess(*sandbox_, {manifest});
     }
 
     static void TearDownTestSuite()
@@ -202,7 +197,7 @@ TEST(SupervisionStorm, BurstsOfDeathsLeaveNoZombieAndNoUnmatchedDeath)
                                      {"--die-while", dieFlag, "--after-ms", "5", "--exit", "0"}));
         specs.back().restart = "on-forever";
     }
-    DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", AppsText(specs))}, NO_OPEN_WAIT);
+    DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", AppsText(specs))});
     // Killed before the boot has filed its record, a child would die unowned.
     ASSERT_NE("", daemon.WaitForLine(" InitBaseApplication end", LOOP_TIMEOUT_MS)) << daemon.Log();
     ASSERT_EQ(services, BaseAppStarts(daemon).size()) << daemon.Log();

@@ -2,12 +2,18 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <dirent.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "channel/master.h"
+#include "core/app_tables.h"
 #include "core/log.h"
 #include "tests/support/daemon_process.h"
 #include "tests/support/sandbox.h"
@@ -54,7 +60,6 @@ protected:
         sandbox_ = new ::Stavik::Test::Sandbox();
         setenv("TUBIX_DIR", sandbox_->TubixDir().c_str(), 1);
         setenv("PROC_NAME", OWNER, 1);
-        setenv("TUBIX_OPEN_TIMEOUT_MS", "200", 1);
         TubixServerParam param{};
         param.connectCallback = OnConnect;
         param.requestCallback = OnRequest;
@@ -79,6 +84,40 @@ protected:
 };
 
 ::Stavik::Test::Sandbox* MasterTest::sandbox_ = nullptr;
+
+size_t OpenSockets()
+{
+    size_t sockets = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    for (dirent* entry = dir == nullptr ? nullptr : readdir(dir); entry != nullptr; entry = readdir(dir)) {
+        char target[64] = {};
+        std::string path = std::string("/proc/self/fd/") + entry->d_name;
+        if (readlink(path.c_str(), target, sizeof(target) - 1) > 0 && strncmp(target, "socket:", 7) == 0) {
+            ++sockets;
+        }
+    }
+    if (dir != nullptr) {
+        closedir(dir);
+    }
+    return sockets;
+}
+
+int32_t NewestServerFd(size_t known)
+{
+    int32_t fd = 0;
+    ::Stavik::Test::WaitUntil([&] {
+        std::lock_guard<std::mutex> guard(Server().mutex);
+        fd = Server().fds.size() > known ? Server().fds.back() : 0;
+        return fd != 0;
+    });
+    return fd;
+}
+
+size_t KnownServerFds()
+{
+    std::lock_guard<std::mutex> guard(Server().mutex);
+    return Server().fds.size();
+}
 
 Message::RequestMsg Record(uint32_t type, const std::string& body)
 {
@@ -170,6 +209,48 @@ TEST_F(MasterTest, ClosedPipeFailsTheFirstRecordAndStops)
 
     master.UnRegServiceCallBack("never_registered");
     EXPECT_TRUE(LogCapture::Contains("STAVIK : Master UnRegServiceCallBack failed: TubixClosePipe failed err code: "));
+}
+
+// The check thread closes a dead service's pipe while it holds baseAppMutex_,
+// and a callback of that pipe may be waiting for the same mutex.
+TEST_F(MasterTest, ClosesNeverWaitOnACallbackAndLeaveNoSocket)
+{
+    size_t socketsBefore = OpenSockets();
+    Master master;
+    std::atomic<int> waiting{0};
+    OwnerRequestHandler handler = [&](int32_t, const TubixRequest* req, std::string) {
+        if (req != nullptr) {
+            ++waiting;
+            std::lock_guard<std::mutex> lock(baseAppMutex_);
+        }
+    };
+    size_t known = KnownServerFds();
+    ASSERT_TRUE(master.RegServiceCallBack(OWNER, 0, handler));
+    int32_t first = master.GetOwnerFd(OWNER);
+    NewestServerFd(known);
+
+    // A restart registers again: the old pipe is closed, not left behind.
+    known = KnownServerFds();
+    ASSERT_TRUE(master.RegServiceCallBack(OWNER, 0, handler));
+    EXPECT_NE(first, master.GetOwnerFd(OWNER));
+    EXPECT_EQ(-9, TubixClosePipe(first));
+    int32_t serverFd = NewestServerFd(known);
+
+    std::chrono::steady_clock::duration took{};
+    {
+        std::lock_guard<std::mutex> lock(baseAppMutex_);
+        Message::RequestMsg report = Record(3, "1#2#");
+        ASSERT_EQ(0, TubixSendRequest(serverFd, TubixRequest{0, &report, sizeof(report)}));
+        ASSERT_TRUE(::Stavik::Test::WaitUntil([&] { return waiting == 1; }));
+        auto start = std::chrono::steady_clock::now();
+        master.UnRegServiceCallBack(OWNER);
+        took = std::chrono::steady_clock::now() - start;
+    }
+    EXPECT_LT(took, std::chrono::milliseconds(1000));
+    EXPECT_TRUE(LogCapture::Contains("STAVIK : Master UnRegServiceCallBack success proName: " + std::string(OWNER)));
+    EXPECT_FALSE(LogCapture::Contains("UnRegServiceCallBack failed"));
+    EXPECT_TRUE(::Stavik::Test::WaitUntil([&] { return OpenSockets() == socketsBefore; }))
+        << OpenSockets() << " sockets, " << socketsBefore << " before";
 }
 
 } // namespace

@@ -26,9 +26,7 @@ protected:
     void SetUp() override
     {
         setenv("STAVIK_SYSROOT", sandbox_.Root().c_str(), 1);
-        // A restarted service gets its pipe opened; nothing listens here, so fail fast.
         setenv("TUBIX_DIR", sandbox_.TubixDir().c_str(), 1);
-        setenv("TUBIX_OPEN_TIMEOUT_MS", "20", 1);
         ClearTables();
         BootContext::Instance().enableFeatures_.clear();
         daemon_.reset(new StavikDaemon("unused.yaml"));
@@ -42,7 +40,6 @@ protected:
         ClearTables();
         BootContext::Instance().enableFeatures_.clear();
         unsetenv("STAVIK_SYSROOT");
-        unsetenv("TUBIX_OPEN_TIMEOUT_MS");
     }
 
     static void ClearTables()
