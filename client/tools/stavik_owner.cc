@@ -8,9 +8,11 @@
 
 #include <CLI/CLI.hpp>
 #include <ctime>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -37,6 +39,7 @@ struct Options {
     bool readStdin = false;
     int64_t exitAfterMs = -1;
     int waitDaemonMs = DEFAULT_WAIT_DAEMON_MS;
+    std::string eventsPath;
 };
 
 // Standard output, one whole line at a time from any thread.
@@ -220,7 +223,15 @@ int main(int argc, char* argv[])
     app.add_option("--wait-daemon-ms", options.waitDaemonMs, "How long the first request waits for the daemon")
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
+    app.add_option("--events", options.eventsPath,
+                   "Write the events to this file instead of standard output (a service started by the daemon "
+                   "shares the daemon's)");
     CLI11_PARSE(app, argc, argv);
+    if (!options.eventsPath.empty() && freopen(options.eventsPath.c_str(), "w", stdout) == nullptr) {
+        fprintf(stderr, "stavik-owner: cannot write the events to %s: %s\n", options.eventsPath.c_str(),
+                strerror(errno));
+        return 1;
+    }
 
     // Every thread started from here on inherits the mask; only the watcher takes the signals.
     sigset_t endSignals;
