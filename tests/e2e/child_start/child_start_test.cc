@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <regex>
+#include <cstdio>
 #include <thread>
 
 #include "app/process_state.h"
@@ -19,7 +19,8 @@ namespace Test {
 namespace {
 
 const int RACE_CYCLES_MAX = 150;
-const int QUERIES_PER_CYCLE = 40;
+const size_t QUERIES_PER_CYCLE_MAX = 400;
+const size_t QUERY_BATCH = 10;
 
 std::string LinkOf(const std::string& path)
 {
@@ -55,7 +56,7 @@ protected:
         AppEntry secondPrio = ProbeApp("dup_prio", {"--out-dir", box_.Path("/out/prio_second")});
         secondPrio.startupPriority = 1;
         std::string ownerFile =
-            box_.WriteFile("/etc/startup/owner_c.yaml", AppsText({firstPrio, ProbeApp("racer", {"--exit", "0"})}));
+            box_.WriteFile("/etc/startup/owner_c.yaml", AppsText({firstPrio, ProbeApp("racer", {"--after-ms", "5", "--exit", "0"})}));
         secondFile_ = box_.WriteFile("/etc/startup/second.yaml", AppsText({secondPrio}));
         AppEntry second = ProbeApp("second");
         second.startupEntryPath = secondFile_;
@@ -110,19 +111,24 @@ TEST_F(ChildStartRun, FirstOfDuplicateNamesWinsChildrenKeepOnlyThePipesWriteEndA
     // A child has what the daemon was given (its standard streams, whatever
     // the test's runner passed on) and the pipe's write end; the read end and
     // every other descriptor the daemon opened stay behind.
-    std::smatch ends;
-    std::string pipeLine = LogText(daemon.WaitForLine("creat anonymous pipe success"));
-    ASSERT_TRUE(std::regex_search(pipeLine, ends, std::regex("read pipe fd=([0-9]+), write pipe fd=([0-9]+)")));
-    std::string pipe = LinkOf("/proc/" + std::to_string(daemon.Pid()) + "/fd/" + ends[1].str());
+    std::string pipeLine = daemon.WaitForLine("creat anonymous pipe success");
+    size_t at = pipeLine.find("read pipe fd=");
+    int readEnd = -1;
+    int writeEnd = -1;
+    ASSERT_TRUE(at != std::string::npos &&
+                sscanf(pipeLine.c_str() + at, "read pipe fd=%d, write pipe fd=%d", &readEnd, &writeEnd) == 2)
+        << pipeLine;
+    const std::string writeFd = std::to_string(writeEnd);
+    std::string pipe = LinkOf("/proc/" + std::to_string(daemon.Pid()) + "/fd/" + std::to_string(readEnd));
     ASSERT_EQ(0u, pipe.find("pipe:[")) << pipe;
     std::map<std::string, std::string> record = ReadProbeRecord(Records("/out/base_first").at(0));
     std::string listenFd = record.count("env.TUBIX_LISTEN_FD") ? record["env.TUBIX_LISTEN_FD"] : "none";
-    EXPECT_EQ(pipe, record["fd." + ends[2].str()]);
+    EXPECT_EQ(pipe, record["fd." + writeFd]);
     for (const auto& entry : record) {
         if (entry.first.compare(0, 3, "fd.") == 0) {
             std::string fd = entry.first.substr(3);
             bool passedOn = fd == "0" || fd == "1" || fd == "2" || LinkOf("/proc/self/fd/" + fd) == entry.second;
-            EXPECT_TRUE(passedOn || fd == ends[2].str() || fd == listenFd)
+            EXPECT_TRUE(passedOn || fd == writeFd || fd == listenFd)
                 << entry.first << "=" << entry.second;
         }
     }
@@ -138,19 +144,21 @@ TEST_F(ChildStartRun, FirstOfDuplicateNamesWinsChildrenKeepOnlyThePipesWriteEndA
     bool raceHit = false;
     for (int cycle = 0; cycle < RACE_CYCLES_MAX && !raceHit; ++cycle) {
         size_t mark = owner.EventCount();
+        auto isEnd = [](const Client::OwnerEvent& event) {
+            const Message::AppStateInfo* app = event.FindApp("racer");
+            return app != nullptr && app->state == TERMINATED_ABNORMAL_EXIT;
+        };
         ASSERT_TRUE(owner.SendStart({{"racer", {}, {}}})) << owner.LastError();
-        for (int i = 0; i < QUERIES_PER_CYCLE; ++i) {
+        // Queries keep coming until the end is heard, so that some meet the death.
+        size_t sent = 0;
+        while (sent < QUERIES_PER_CYCLE_MAX && (sent % QUERY_BATCH != 0 || !owner.WaitFor(isEnd, 0, mark))) {
             ASSERT_TRUE(owner.SendQuery({"racer"})) << owner.LastError();
+            ++sent;
         }
-        std::optional<Client::OwnerEvent> end = owner.WaitFor(
-            [](const Client::OwnerEvent& event) {
-                const Message::AppStateInfo* app = event.FindApp("racer");
-                return app != nullptr && app->state == TERMINATED_ABNORMAL_EXIT;
-            },
-            OWNER_WAIT_MS, mark);
+        std::optional<Client::OwnerEvent> end = owner.WaitFor(isEnd, OWNER_WAIT_MS, mark);
         ASSERT_TRUE(end.has_value()) << "cycle " << cycle << ": the end of racer never reached its owner\n"
                                      << daemon.Log();
-        ASSERT_TRUE(WaitUntil([&] { return daemon.CountLines(finished) >= queries + QUERIES_PER_CYCLE; }));
+        ASSERT_TRUE(WaitUntil([&] { return daemon.CountLines(finished) >= queries + sent; }));
         pid_t pid = StartLines(daemon, "Start generalApp success").back().pid;
         std::vector<std::string> lines = daemon.Lines();
         long filed = IndexOfText(lines, "STAVIK : SetExitStatus racer, pid=" + std::to_string(pid));
@@ -163,7 +171,7 @@ TEST_F(ChildStartRun, FirstOfDuplicateNamesWinsChildrenKeepOnlyThePipesWriteEndA
             raceHit = raceHit || (dead && IndexOfNth(lines, finished, queries + nth) < filed);
             ++nth;
         }
-        queries += QUERIES_PER_CYCLE;
+        queries += sent;
     }
     EXPECT_TRUE(raceHit) << "no query met racer dead and unfiled in " << RACE_CYCLES_MAX << " cycles";
     EXPECT_EQ(0u, daemon.CountLines("can not find app"));
