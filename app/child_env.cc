@@ -1,9 +1,9 @@
 #include <cerrno>
-#include <cstdlib>
 
 #include "app/child_setup.h"
 #include "core/constants.h"
-#include "zul.h"
+
+extern char** environ;
 
 namespace Stavik {
 namespace App {
@@ -28,47 +28,26 @@ constexpr uint32_t HB_INTERVAL_MAX = 60000;
 constexpr uint32_t HB_COUNT_MIN = 3;
 constexpr uint32_t HB_COUNT_MAX = 1000;
 
-bool SetEnv(const char* key, const std::string& value)
+// The daemon's own environment, which every child starts from. Only main sets
+// a variable, before any thread runs, so it can be read from any thread.
+void TakeDaemonEnv(CStringList& env)
 {
-    return setenv(key, value.c_str(), 1) == 0;
-}
-
-// Data plane services belong to brellan; everything else is management.
-void SetPlaneEnv(const std::string& ownerName, std::string& errInfo)
-{
-    if (!SetEnv(ENV_PROC_PLANE, ownerName == BRELLAN_NAME ? PLANE_DATA : PLANE_MANAGE)) {
-        AppendErrInfo(errInfo, "SetPlaneEnv PROC_PLANE failed errno=%d;", errno);
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        env.Append(*entry);
     }
 }
 
-void SetHomeEnvVariableOfSpecificUser(const std::string& homeEnv, std::string& errInfo)
+// The manifest's variables in key order; the first key setenv would refuse
+// ends the walk with the fragment the child would have written.
+bool SetManifestEnv(const std::map<std::string, std::string>& manifestEnv, ChildPlan& plan)
 {
-    if (!SetEnv(ENV_HOME, homeEnv)) {
-        AppendErrInfo(errInfo, "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=%s, errno=%d;", homeEnv.c_str(),
-                      errno);
-    }
-}
-
-// The manifest's variables in key order; the first failure ends the walk.
-bool SetManifestEnv(const std::map<std::string, std::string>& env, std::string& errInfo)
-{
-    for (const auto& entry : env) {
-        if (!SetEnv(entry.first.c_str(), entry.second)) {
-            AppendErrInfo(errInfo, "setenv failed, errno=%d;", errno);
+    for (const auto& entry : manifestEnv) {
+        if (!plan.env.SetEnv(entry.first, entry.second)) {
+            plan.envFragments += "setenv failed, errno=" + std::to_string(EINVAL) + ";";
             return false;
         }
     }
     return true;
-}
-
-void InitZulProc(const AppInfo& app, std::string& errInfo)
-{
-    AppConfig config;
-    config.appName = app.appName_;
-    config.binPath = app.execPath_;
-    if (ZULInitProc(config) < 0) {
-        AppendErrInfo(errInfo, "ZULInitProc failed, errno=%d;", errno);
-    }
 }
 
 // The manifest's numbers are raw; the heart-beat client gets them within its range.
@@ -87,63 +66,57 @@ uint32_t HeartBeatCountValue(uint32_t count)
     return capped < HB_COUNT_MIN ? HB_COUNT_MIN : capped;
 }
 
-void SetHeartBeatEnv(bool heartBeatSwitch, uint32_t interval, uint32_t count, std::string& errInfo)
+void SetHeartBeatEnv(bool heartBeatSwitch, uint32_t interval, uint32_t count, CStringList& env)
 {
     if (!heartBeatSwitch) {
         return;
     }
-    if (!SetEnv(ENV_HEART_BEAT, "1")) {
-        AppendErrInfo(errInfo, "SetHeartBeatSwitchEnv  failed errno=%d;", errno);
+    env.SetEnv(ENV_HEART_BEAT, "1");
+    if (interval != 0) {
+        env.SetEnv(ENV_HEART_BEAT_INTERVAL, std::to_string(HeartBeatIntervalValue(interval)));
     }
-    if (interval != 0 && !SetEnv(ENV_HEART_BEAT_INTERVAL, std::to_string(HeartBeatIntervalValue(interval)))) {
-        AppendErrInfo(errInfo, "SetHeartBeatIntervalEnv  failed errno=%d;", errno);
-    }
-    if (count != 0 && !SetEnv(ENV_HEART_BEAT_COUNT, std::to_string(HeartBeatCountValue(count)))) {
-        AppendErrInfo(errInfo, "SetHeartBeatCountEnv  failed errno=%d;", errno);
+    if (count != 0) {
+        env.SetEnv(ENV_HEART_BEAT_COUNT, std::to_string(HeartBeatCountValue(count)));
     }
 }
 
 // A sanitizer build of any version gets the runtime the board ships, in front
 // of the naming-service library.
-void SetAppAsanEnv(const std::map<std::string, std::string>& env, std::string& errInfo)
+void SetAppAsanEnv(const std::map<std::string, std::string>& manifestEnv, CStringList& env)
 {
-    auto preload = env.find(ENV_LD_PRELOAD);
-    if (preload == env.end() || preload->second.find(ASAN_LIB) == std::string::npos) {
-        return;
-    }
-    if (!SetEnv(ENV_LD_PRELOAD, ASAN_PRELOAD)) {
-        AppendErrInfo(errInfo, "SetAppAsanEnv preload failed errno=%d;", errno);
+    auto preload = manifestEnv.find(ENV_LD_PRELOAD);
+    if (preload != manifestEnv.end() && preload->second.find(ASAN_LIB) != std::string::npos) {
+        env.SetEnv(ENV_LD_PRELOAD, ASAN_PRELOAD);
     }
 }
 
 } // namespace
 
-// HOME comes first, so that the manifest may override it.
-void SetGeneralAppEnv(const GeneralAppInfo& app, std::string& errInfo)
+// The naming service sets its own variables in the child, over these; it
+// touches none that comes after it in the order of the steps.
+void BuildGeneralAppEnv(const GeneralAppInfo& app, ChildPlan& plan)
 {
-    SetPlaneEnv(app.ownerName_, errInfo);
-    SetHomeEnvVariableOfSpecificUser(app.homeEnv_, errInfo);
-    if (SetManifestEnv(app.env_, errInfo) && !SetEnv(ENV_OWNER_NAME, app.ownerName_)) {
-        AppendErrInfo(errInfo, "setenv failed, errno=%d;", errno);
+    TakeDaemonEnv(plan.env);
+    // Data plane services belong to brellan; everything else is management.
+    plan.env.SetEnv(ENV_PROC_PLANE, app.ownerName_ == BRELLAN_NAME ? PLANE_DATA : PLANE_MANAGE);
+    plan.env.SetEnv(ENV_HOME, app.homeEnv_);
+    if (SetManifestEnv(app.env_, plan)) {
+        plan.env.SetEnv(ENV_OWNER_NAME, app.ownerName_);
     }
-    InitZulProc(app, errInfo);
-    SetHeartBeatEnv(app.heartBeatSwitch_, app.heartBeatInterval_, app.heartBeatCount_, errInfo);
-    SetAppAsanEnv(app.env_, errInfo);
+    SetHeartBeatEnv(app.heartBeatSwitch_, app.heartBeatInterval_, app.heartBeatCount_, plan.env);
+    SetAppAsanEnv(app.env_, plan.env);
 }
 
-// HOME comes after the manifest's variables: a base service can't override it.
-void SetBaseAppEnv(const BaseAppInfo& app, std::string& errInfo)
+void BuildBaseAppEnv(const BaseAppInfo& app, ChildPlan& plan)
 {
-    SetManifestEnv(app.env_, errInfo);
-    InitZulProc(app, errInfo);
-    SetHeartBeatEnv(app.heartBeatSwitch_, app.heartBeatInterval_, app.heartBeatCount_, errInfo);
-    SetHomeEnvVariableOfSpecificUser(app.homeEnv_, errInfo);
-    SetAppAsanEnv(app.env_, errInfo);
-    if (!SetEnv(ENV_IS_RESTART, app.reportState_ == TERMINATED_ABNORMAL_EXIT ? "1" : "0")) {
-        AppendErrInfo(errInfo, "Set restart env failed, errno=%d;", errno);
-    }
-    if (!app.startupEntryPath_.empty() && !SetEnv(ENV_STARTUP_ENTRY_PATH, app.startupEntryPath_)) {
-        AppendErrInfo(errInfo, "Set startup entry path env failed, errno=%d;", errno);
+    TakeDaemonEnv(plan.env);
+    SetManifestEnv(app.env_, plan);
+    SetHeartBeatEnv(app.heartBeatSwitch_, app.heartBeatInterval_, app.heartBeatCount_, plan.env);
+    plan.env.SetEnv(ENV_HOME, app.homeEnv_);
+    SetAppAsanEnv(app.env_, plan.env);
+    plan.env.SetEnv(ENV_IS_RESTART, app.reportState_ == TERMINATED_ABNORMAL_EXIT ? "1" : "0");
+    if (!app.startupEntryPath_.empty()) {
+        plan.env.SetEnv(ENV_STARTUP_ENTRY_PATH, app.startupEntryPath_);
     }
 }
 

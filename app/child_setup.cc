@@ -5,19 +5,19 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <vector>
 
 #include "app/exit_status.h"
 #include "core/boot_context.h"
+
+extern char** environ;
 
 namespace Stavik {
 namespace App {
 namespace {
 
+using Piece = ChildText::Piece;
+
 constexpr rlim_t RT_PRIO_LIMIT = 99;
-constexpr size_t FRAGMENT_MAX = 512;
 
 // Operating system policy of each schedPolicy_ value, indexed by the value.
 constexpr int OS_SCHED_POLICIES[] = {SCHED_OTHER, SCHED_BATCH, SCHED_IDLE, SCHED_FIFO, SCHED_RR};
@@ -29,111 +29,98 @@ int OsSchedPolicy(uint32_t schedPolicy)
 }
 
 // Lets the process raise its own real-time priority up to the highest one.
-void SetRtLimit(bool needRtLimit, std::string& errInfo)
+void SetRtLimit(bool needRtLimit, ChildText& text)
 {
     if (!needRtLimit) {
         return;
     }
     struct rlimit limit {};
     if (getrlimit(RLIMIT_RTPRIO, &limit) != 0) {
-        AppendErrInfo(errInfo, "getrlimit failed,errno=%d;", errno);
+        text.Add({"getrlimit failed,errno=", Piece::Number(errno), ";"});
         return;
     }
     limit.rlim_cur = RT_PRIO_LIMIT;
     limit.rlim_max = RT_PRIO_LIMIT;
     if (prlimit(0, RLIMIT_RTPRIO, &limit, nullptr) != 0) {
-        AppendErrInfo(errInfo, "prlimit failed,errno=%d;", errno);
+        text.Add({"prlimit failed,errno=", Piece::Number(errno), ";"});
     }
 }
 
-void SetSchedPolicy(int32_t pid, uint32_t schedPolicy, int32_t rtPrio, std::string& errInfo)
+void SetSchedPolicy(uint32_t schedPolicy, int32_t rtPrio, ChildText& text)
 {
     if (schedPolicy == SK_SCHED_UNCHANGED) {
         return;
     }
     struct sched_param param {};
     param.sched_priority = rtPrio;
-    if (sched_setscheduler(pid, OsSchedPolicy(schedPolicy), &param) != 0) {
-        AppendErrInfo(errInfo, "sched_setscheduler failed errno=%d,type=%d,priority=%d;", errno,
-                      static_cast<int>(schedPolicy), rtPrio);
+    if (sched_setscheduler(0, OsSchedPolicy(schedPolicy), &param) != 0) {
+        text.Add({"sched_setscheduler failed errno=", Piece::Number(errno), ",type=", Piece::Number(schedPolicy),
+                  ",priority=", Piece::Number(rtPrio), ";"});
     }
 }
 
 // The place where the manifest's security context is to be applied; there is
 // nothing to apply on this platform yet.
-void ApplySecurityContext(const std::string&, std::string&)
+void ApplySecurityContext(const std::string&, ChildText&)
 {
 }
 
-std::vector<char*> BuildArgv(const AppInfo& app)
+void InitZulProc(const ChildPlan& plan, ChildText& text)
 {
-    std::vector<char*> argv;
-    argv.reserve(app.arguments_.size() + 2);
-    argv.push_back(const_cast<char*>(app.execPath_.c_str()));
-    for (const std::string& argument : app.arguments_) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
+    if (ZULInitProc(plan.zulConfig) < 0) {
+        text.Add({"ZULInitProc failed, errno=", Piece::Number(errno), ";"});
     }
-    argv.push_back(nullptr);
-    return argv;
 }
 
 } // namespace
 
-std::string SetUpChild(AppInfo& app, int32_t niceIncrement, const UserGroups& groups)
+void PrepareChildPlan(const AppInfo& app, int32_t niceIncrement, ChildPlan& plan)
 {
-    app.pid_ = static_cast<int32_t>(getpid());
-    std::string errInfo;
-    SetRtLimit(app.needRtLimit_, errInfo);
-    SetSchedPolicy(app.pid_, app.schedPolicy_, app.rtPrio_, errInfo);
-    if (niceIncrement != 0) {
-        int ignored = nice(niceIncrement);
-        (void)ignored;
+    plan.groups = LookUpUserGroups(app.uid_);
+    plan.niceIncrement = niceIncrement;
+    plan.pipeFd = BootContext::Instance().childMsgPipe_[1];
+    plan.argv.Append(app.execPath_);
+    for (const std::string& argument : app.arguments_) {
+        plan.argv.Append(argument);
     }
-    if (!SetAppIdentity(app.uid_, app.gid_, groups, errInfo)) {
-        SendErrInfo(app, errInfo);
-        _exit(1);
-    }
-    return errInfo;
+    plan.zulConfig.appName = app.appName_;
+    plan.zulConfig.binPath = app.execPath_;
+    plan.argv.Seal();
+    plan.env.Seal();
+    plan.text.Prepare(app.appName_, plan.envFragments.size() + app.execPath_.size());
 }
 
-void ExecChild(const AppInfo& app, std::string& errInfo)
+void RunChild(const AppInfo& app, ChildPlan& plan)
 {
-    ApplySecurityContext(app.securityCon_, errInfo);
-    SendErrInfo(app, errInfo);
-    std::vector<char*> argv = BuildArgv(app);
-    execv(app.execPath_.c_str(), argv.data());
+    ChildText& text = plan.text;
+    text.Begin(getpid());
+    SetRtLimit(app.needRtLimit_, text);
+    SetSchedPolicy(app.schedPolicy_, app.rtPrio_, text);
+    if (plan.niceIncrement != 0) {
+        int ignored = nice(plan.niceIncrement);
+        (void)ignored;
+    }
+    if (!SetAppIdentity(app.uid_, app.gid_, plan.groups, text)) {
+        text.Send(plan.pipeFd);
+        _exit(1);
+    }
+    text.Add({plan.envFragments});
+    environ = plan.env.Data();
+    InitZulProc(plan, text);
+    ApplySecurityContext(app.securityCon_, text);
+    text.Send(plan.pipeFd);
+    char** argv = plan.argv.Data();
+    execve(argv[0], argv, environ);
     int err = errno;
-    errInfo = "execv failed, execPath_=" + app.execPath_ + ", errno=" + std::to_string(err) + ";";
-    SendErrInfo(app, errInfo);
+    text.ClearFragments();
+    text.Add({"execv failed, execPath_=", app.execPath_, ", errno=", Piece::Number(err), ";"});
+    text.Send(plan.pipeFd);
     _exit(ExecFailureExitCode(err));
 }
 
 int ExecFailureExitCode(int err)
 {
     return err == EIO ? IO_ERROR_EXIT_CODE : 1;
-}
-
-void AppendErrInfo(std::string& errInfo, const char* format, ...)
-{
-    char fragment[FRAGMENT_MAX];
-    va_list args;
-    va_start(args, format);
-    int length = vsnprintf(fragment, sizeof(fragment), format, args);
-    va_end(args);
-    if (length > 0) {
-        errInfo += fragment;
-    }
-}
-
-void SendErrInfo(const AppInfo& app, const std::string& errInfo)
-{
-    int fd = BootContext::Instance().childMsgPipe_[1];
-    if (fd == -1 || errInfo.empty()) {
-        return;
-    }
-    std::string text = "app=" + app.appName_ + ",pid=" + std::to_string(app.pid_) + "," + errInfo;
-    ssize_t ignored = write(fd, text.data(), text.size());
-    (void)ignored;
 }
 
 } // namespace App

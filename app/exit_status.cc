@@ -15,8 +15,8 @@ constexpr int32_t STOPPED_LOW_BITS = 0x7f;
 constexpr int32_t LOW_BYTE = 0xff;
 constexpr int EXIT_CODE_SHIFT = 8;
 
-// Query of a stop or continue without waiting: WNOHANG | WUNTRACED | WCONTINUED.
-constexpr int QUERY_WAIT_OPTIONS = WNOHANG | WUNTRACED | WCONTINUED;
+// A look at the state of one child that neither waits nor collects anything.
+constexpr int QUERY_WAIT_OPTIONS = WEXITED | WSTOPPED | WCONTINUED | WNOHANG | WNOWAIT;
 constexpr int32_t EXEC_STATE_RUNNING = 0;
 constexpr int32_t EXEC_STATE_TERMINATED = 1;
 constexpr int32_t EXEC_STATE_STOPPED = 2;
@@ -120,19 +120,32 @@ void AppInfo::SetExitStatus(int32_t status)
     Syslog(LOG_INFO, "STAVIK : SetExitStatus %s, pid=%d", appName_.c_str(), pid_);
 }
 
-// May reap the process if it ends at this moment; the wait thread then never
-// sees it.
+// Only peeks: the wait thread alone collects a status, so none is lost. A
+// process that has ended, whether or not its status is collected yet, counts
+// as terminated; a pid whose status was collected is never asked about again,
+// as it may belong to another process by now.
 int32_t AppInfo::QueryStopped()
 {
-    int status = 0;
-    if (waitpid(pid_, &status, QUERY_WAIT_OPTIONS) == -1) {
+    if (hasExitStatus_) {
         return EXEC_STATE_TERMINATED;
     }
-    if ((status & LOW_BYTE) == STOPPED_LOW_BITS) {
-        Syslog(LOG_INFO, "STAVIK : app=%s, pid=%d, stopped", appName_.c_str(), pid_);
-        return EXEC_STATE_STOPPED;
+    siginfo_t info {};
+    if (waitid(P_PID, static_cast<id_t>(pid_), &info, QUERY_WAIT_OPTIONS) == -1) {
+        return EXEC_STATE_TERMINATED;
     }
-    return EXEC_STATE_RUNNING;
+    if (info.si_pid == 0) {
+        return EXEC_STATE_RUNNING;
+    }
+    switch (info.si_code) {
+        case CLD_STOPPED:
+        case CLD_TRAPPED:
+            Syslog(LOG_INFO, "STAVIK : app=%s, pid=%d, stopped", appName_.c_str(), pid_);
+            return EXEC_STATE_STOPPED;
+        case CLD_CONTINUED:
+            return EXEC_STATE_RUNNING;
+        default:
+            return EXEC_STATE_TERMINATED;
+    }
 }
 
 } // namespace App

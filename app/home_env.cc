@@ -36,7 +36,7 @@ std::string& DaemonHomeEnv()
 void InquireHomeEnvVariable(const std::string& path, const std::string& key)
 {
     std::string resolved = SysPath(path);
-    FILE* file = fopen(resolved.c_str(), "r");
+    FILE* file = fopen(resolved.c_str(), "re");
     if (file == nullptr) {
         SK_LOG(LOG_ERR, "fopen %s fail, errno=%d", resolved.c_str(), errno);
         return;

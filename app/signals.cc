@@ -5,7 +5,7 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
+#include <cstdio>
 
 #include "app/app_info.h"
 #include "app/steady_clock.h"
@@ -88,6 +88,13 @@ bool GeneralAppInfo::TermProcess()
         Syslog(LOG_ERR, "STAVIK : TermProcess failed: the pid=%d is invalid", pid_);
         return false;
     }
+    // Once the status is collected the pid is free and may be another
+    // process's; the process has ended, which is what the request wanted.
+    if (hasExitStatus_) {
+        Syslog(LOG_INFO, "STAVIK : TermProcess: appName=%s, pid=%d has already ended, no signal sent", appName_.c_str(),
+               pid_);
+        return true;
+    }
     // A failed kill still counts as a request sent: the term time-out will settle it.
     SendSignal(SIGTERM, appName_, pid_);
     return true;
@@ -144,18 +151,26 @@ bool IsNameMatch(const std::string& name, int32_t pid)
     return status[STATUS_NAME] == name;
 }
 
+// Read through a close-on-exec descriptor: another thread may be forking a child.
 void ReadProcStatus(int32_t pid, std::map<std::string, std::string>& status)
 {
     if (status.empty()) {
         return;
     }
-    std::ifstream file(PROC_PATH + std::to_string(pid) + "/status");
-    if (!file.is_open()) {
+    const std::string path = PROC_PATH + std::to_string(pid) + "/status";
+    FILE* file = fopen(path.c_str(), "re");
+    if (file == nullptr) {
         return;
     }
     size_t found = 0;
-    std::string line;
-    while (found < status.size() && std::getline(file, line)) {
+    char* buffer = nullptr;
+    size_t capacity = 0;
+    ssize_t length = 0;
+    while (found < status.size() && (length = getline(&buffer, &capacity, file)) != -1) {
+        std::string line(buffer, static_cast<size_t>(length));
+        if (!line.empty() && line.back() == '\n') {
+            line.pop_back();
+        }
         size_t colon = line.find(':');
         if (colon == std::string::npos) {
             continue;
@@ -167,6 +182,8 @@ void ReadProcStatus(int32_t pid, std::map<std::string, std::string>& status)
         key->second = TrimBlanks(line.substr(colon + 1));
         ++found;
     }
+    free(buffer);
+    fclose(file);
 }
 
 std::string TrimBlanks(const std::string& text)

@@ -14,37 +14,32 @@ namespace Stavik {
 namespace App {
 namespace {
 
-// Parent steps up to the fork. The user lookup is done here so that the child
-// takes no lock of the user databases that another thread could hold.
-bool PrepareStart(AppInfo& app, UserGroups& groups)
+// The last parent steps before the fork; the plan is complete by now.
+void MarkNewStart(AppInfo& app, ChildPlan& plan, int32_t niceIncrement)
 {
-    if (!CheckBeforeStart(app)) {
-        return false;
-    }
-    groups = LookUpUserGroups(app.uid_);
+    PrepareChildPlan(app, niceIncrement, plan);
     app.boundTids_.clear();
     app.hasExitStatus_ = false;
     app.startTime_ = SteadyNowNs();
-    return true;
 }
 
 } // namespace
 
 bool GeneralAppInfo::StartProcess()
 {
-    UserGroups groups;
-    if (!PrepareStart(*this, groups)) {
+    if (!CheckBeforeStart(*this)) {
         return false;
     }
+    ChildPlan plan;
+    BuildGeneralAppEnv(*this, plan);
+    MarkNewStart(*this, plan, nice_);
     pid_t pid = fork();
     if (pid < 0) {
         Syslog(LOG_ERR, "STAVIK: Start generalApp failed. fork failed: errno=%d", errno);
         return false;
     }
     if (pid == 0) {
-        std::string errInfo = SetUpChild(*this, nice_, groups);
-        SetGeneralAppEnv(*this, errInfo);
-        ExecChild(*this, errInfo);
+        RunChild(*this, plan);
     }
     pid_ = pid;
     Syslog(LOG_INFO, "%s Start generalApp success appName=%s, child_pid=%d, isDelayCoreAffinity_=%d",
@@ -54,20 +49,20 @@ bool GeneralAppInfo::StartProcess()
 
 bool BaseAppInfo::StartProcess()
 {
-    UserGroups groups;
-    if (!PrepareStart(*this, groups)) {
+    if (!CheckBeforeStart(*this)) {
         return false;
     }
+    ChildPlan plan;
+    BuildBaseAppEnv(*this, plan);
+    // A base service keeps the nice value of the daemon.
+    MarkNewStart(*this, plan, 0);
     pid_t pid = fork();
     if (pid < 0) {
         Syslog(LOG_ERR, "STAVIK : Start baseApp %s failed errno=%d", appName_.c_str(), errno);
         return false;
     }
     if (pid == 0) {
-        // A base service keeps the nice value of the daemon.
-        std::string errInfo = SetUpChild(*this, 0, groups);
-        SetBaseAppEnv(*this, errInfo);
-        ExecChild(*this, errInfo);
+        RunChild(*this, plan);
     }
     pid_ = pid;
     Syslog(LOG_INFO, "%s Start baseApp success appName=%s, binPath=%s, pid=%d, isDelayCoreAffinity_=%d",

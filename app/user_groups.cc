@@ -4,6 +4,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <vector>
 
 namespace Stavik {
@@ -11,6 +12,8 @@ namespace App {
 namespace {
 
 constexpr size_t PASSWD_STRINGS_DEFAULT = 16384;
+// Far beyond any real entry; a database that still answers ERANGE is broken.
+constexpr size_t PASSWD_STRINGS_MAX = 64 * 1024 * 1024;
 
 size_t PasswdStringsSize()
 {
@@ -34,7 +37,13 @@ UserGroups LookUpUserGroups(uint32_t uid)
     struct passwd record {};
     struct passwd* found = nullptr;
     std::vector<char> strings(PasswdStringsSize());
-    if (getpwuid_r(uid, &record, strings.data(), strings.size(), &found) != 0 || found == nullptr) {
+    int result = 0;
+    // A user with a long entry needs more room than the system suggests.
+    while ((result = getpwuid_r(uid, &record, strings.data(), strings.size(), &found)) == ERANGE &&
+           strings.size() < PASSWD_STRINGS_MAX) {
+        strings.resize(strings.size() * 2);
+    }
+    if (result != 0 || found == nullptr) {
         return groups;
     }
     groups.hasUser = true;

@@ -46,6 +46,7 @@ public:
     bool ReportAppState(const std::vector<Message::AppStateInfo>& apps, const std::string& owner);
     // The answer to a query, in one record.
     bool ReportAppDetailStatus(const Message::AppDetailStatusMap& statusMap, const std::string& owner);
+    void CloseAllPipes(); // the stop: closes every owner pipe
 
 private:
     // Holds ownerFdLock_ for one scope, shared for a look-up or alone for a

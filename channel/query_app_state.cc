@@ -9,9 +9,10 @@ namespace Stavik {
 // between its question to the kernel and the report.
 void StavikDaemon::QueryAppState(const std::vector<std::string>& names, const std::string& owner)
 {
+    // Every name counts, an empty one too: the owner sees what it sent.
     std::string appList;
-    for (const std::string& name : names) {
-        appList += (appList.empty() ? "" : ",") + name;
+    for (size_t i = 0; i < names.size(); ++i) {
+        appList += (i == 0 ? "" : ",") + names[i];
     }
     Syslog(LOG_DEBUG, "%s SK receive QUERY_APP_STATE msg from %s, appList=%s", BootStrace(SK_TAG).c_str(),
            owner.c_str(), appList.c_str());

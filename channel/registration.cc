@@ -31,7 +31,12 @@ uint32_t SysServerTimeoutMs()
 
 bool StavikDaemon::RegisterService(const std::string& name, uint32_t gid)
 {
-    return master_.RegServiceCallBack(name, gid, &StavikDaemon::RequestMsgHandler, this);
+    // The library may deliver until the stop has closed the pipes; the gate
+    // keeps a late delivery out of a daemon that is going.
+    std::shared_ptr<CallbackGate> gate = callbackGate_;
+    return master_.RegServiceCallBack(name, gid, [gate, this](int32_t fd, const TubixRequest* req, std::string owner) {
+        gate->Pass([&] { RequestMsgHandler(fd, req, std::move(owner)); });
+    });
 }
 
 void StavikDaemon::UnRegServiceCallBack(const std::string& name)

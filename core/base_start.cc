@@ -73,14 +73,24 @@ bool StavikDaemon::ParseYamlFile(const std::string& yamlPath, std::vector<Applic
         return false;
     }
     BootContext& context = BootContext::Instance();
-    for (const ApplicationManifest& manifest : manifests) {
-        if (manifest.GetAppName().empty()) {
+    std::set<std::string> names;
+    for (auto manifest = manifests.begin(); manifest != manifests.end();) {
+        const std::string name = manifest->GetAppName();
+        if (name.empty()) {
             Syslog(LOG_ERR, "STAVIK : ParseYamlFile : appName is NULL");
             return false;
         }
-        if (context.IsEnableByCmdline(manifest.GetCfgPath())) {
-            enabledBaseApps_.push_back(manifest.GetAppName());
+        // The first entry of a name wins, for the graph and the start alike.
+        if (!names.insert(name).second) {
+            Syslog(LOG_ERR, "STAVIK : ParseYamlFile : %s names appName=%s again, the later entry is ignored",
+                   yamlPath.c_str(), name.c_str());
+            manifest = manifests.erase(manifest);
+            continue;
         }
+        if (context.IsEnableByCmdline(manifest->GetCfgPath())) {
+            enabledBaseApps_.push_back(name);
+        }
+        ++manifest;
     }
     context.CheckEnableFeatures();
     return true;

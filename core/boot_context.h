@@ -20,7 +20,8 @@ public:
 
     // Pid, then the anonymous pipe; later boot inputs join here.
     void Init();
-    // One blocking read of the anonymous pipe into the log.
+    // Waits for the anonymous pipe, then logs what is pending in it, in reads
+    // of at most 899 bytes with one line each.
     void ReceiveChildProcessMsg();
     // Wakes a reader blocked in ReceiveChildProcessMsg, so that a stop can finish.
     void WakeChildMsgReader();
@@ -46,6 +47,7 @@ private:
     BootContext& operator=(const BootContext&) = delete;
 
     void CreateChildMsgPipe();
+    bool WaitForChildMsg();
 
     int wakeFd_ = -1;
 };

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +11,9 @@
 
 namespace Stavik {
 namespace {
+
+// A kernel record names the daemon itself, whatever syslog's ident.
+const char KMSG_IDENT[] = "STAVIK";
 
 struct CaptureState {
     std::mutex mutex;
@@ -31,11 +36,18 @@ bool StderrCopyWanted()
     return wanted;
 }
 
+std::atomic<const char*>& Ident()
+{
+    static std::atomic<const char*> ident{program_invocation_short_name};
+    return ident;
+}
+
 void Record(int level, const std::string& text, bool kmsg)
 {
     if (StderrCopyWanted()) {
         // One write per line, so that lines of different threads don't interleave.
-        std::string line = std::string(kmsg ? "kmsg " : "") + "STAVIK[" + std::to_string(getpid()) + "] <" +
+        const char* ident = kmsg ? KMSG_IDENT : Ident().load();
+        std::string line = std::string(kmsg ? "kmsg " : "") + ident + "[" + std::to_string(getpid()) + "] <" +
                            std::to_string(level) + "> " + text + "\n";
         ssize_t ignored = write(STDERR_FILENO, line.data(), line.size());
         (void)ignored;
@@ -67,6 +79,18 @@ std::string Format(const char* format, va_list args)
 }
 
 } // namespace
+
+void OpenLog(const char* ident)
+{
+    openlog(ident, LOG_PID, LOG_USER);
+    Ident().store(ident);
+}
+
+void CloseLog()
+{
+    closelog();
+    Ident().store(program_invocation_short_name);
+}
 
 void VSyslog(int level, const char* format, va_list args)
 {

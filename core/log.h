@@ -14,6 +14,12 @@ namespace Stavik {
 void Syslog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void VSyslog(int level, const char* format, va_list args);
 
+// openlog and closelog of the daemon's one log channel. The standard error
+// copy names the ident syslog uses: the given one while the log is open, the
+// program's name before and after.
+void OpenLog(const char* ident);
+void CloseLog();
+
 // Writes one already formatted kernel-message record (used by SK_LOG in a
 // quick start); it reaches the capture and the stderr copy as well.
 void NoteKmsgLine(int level, const std::string& text);

@@ -8,6 +8,7 @@
 #include "core/boot_context.h"
 #include "core/constants.h"
 #include "core/boot_strace.h"
+#include "core/log.h"
 #include "core/sk_log.h"
 #include "core/standardization_path.h"
 #include "core/stavik_daemon.h"
@@ -20,7 +21,7 @@ const std::string QUICK_START_WORD = "true";
 
 int FailEarly()
 {
-    closelog();
+    Stavik::CloseLog();
     return -1;
 }
 
@@ -32,7 +33,7 @@ int main(int argc, char* argv[])
     signal(SIGCONT, Stavik::StavikDaemon::ContinueSignalHandler);
     Stavik::BootContext& context = Stavik::BootContext::Instance();
     context.selfPid_ = static_cast<int32_t>(getpid());
-    openlog(Stavik::SK_LOG_IDENT.c_str(), LOG_PID, LOG_USER);
+    Stavik::OpenLog(Stavik::SK_LOG_IDENT.c_str());
     signal(SIGPIPE, SIG_IGN);
     if (argc < MIN_ARGC) {
         SK_LOG(LOG_ERR, "Stavik: intput argc num is < 2, please input baseService yaml config path");
@@ -59,6 +60,6 @@ int main(int argc, char* argv[])
         Stavik::Syslog(LOG_INFO, "stavik-daemon StavikRun finished");
     }
     ZULRetrieveService();
-    closelog();
+    Stavik::CloseLog();
     return static_cast<int>(rc);
 }

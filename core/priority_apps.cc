@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <set>
 
 #include "app/manifest_parser.h"
 #include "core/boot_strace.h"
@@ -13,8 +14,10 @@ const int32_t NO_STARTUP_PRIORITY = -1;
 
 // The entries of one start-up file that carry a priority go onto the heap, and
 // their manifests into `manifests`. A file that doesn't read gives nothing.
+// A name already collected, from this file or an earlier one, keeps its
+// first entry: one record can have only one process.
 void CollectPriorityApps(const ApplicationManifest& base, PriorityAppList& list,
-                         std::vector<ApplicationManifest>& manifests)
+                         std::vector<ApplicationManifest>& manifests, std::set<std::string>& names)
 {
     const std::string entryPath = base.GetStartupEntryPath();
     SK_LOG(LOG_INFO, "stavik-daemon Load startupEntryPath=%s cfg", entryPath.c_str());
@@ -23,6 +26,11 @@ void CollectPriorityApps(const ApplicationManifest& base, PriorityAppList& list,
     for (const ApplicationManifest& sub : subEntries) {
         const int32_t priority = sub.GetStartupPriority();
         if (priority == NO_STARTUP_PRIORITY) {
+            continue;
+        }
+        if (!names.insert(sub.GetAppName()).second) {
+            SK_LOG(LOG_ERR, "stavik-daemon %s names priority app name=%s again, the later entry is ignored",
+                   entryPath.c_str(), sub.GetAppName().c_str());
             continue;
         }
         SK_LOG(LOG_INFO, "stavik-daemon load startup priority app name=%s, startup priority=%d, owner=%s",
@@ -57,9 +65,10 @@ uint32_t StavikDaemon::LoadStartCfgInfo(const std::string& yamlPath, PriorityApp
         return Message::SK_ERR_LOAD_STARTUP_CFG;
     }
     std::vector<ApplicationManifest> priorityManifests;
+    std::set<std::string> names;
     for (const ApplicationManifest& base : baseEntries) {
         if (!base.GetStartupEntryPath().empty()) {
-            CollectPriorityApps(base, list, priorityManifests);
+            CollectPriorityApps(base, list, priorityManifests, names);
         }
     }
     StoreManifests(priorityManifests);

@@ -33,7 +33,7 @@ std::string FormatKmsgRecord(int level, int32_t pid, const char* format, va_list
 // One open and one close per line, so that each line is one kernel record.
 void WriteKmsg(int level, const char* format, va_list args)
 {
-    FILE* kmsg = fopen(SysPath(KMSG_PATH).c_str(), "a+");
+    FILE* kmsg = fopen(SysPath(KMSG_PATH).c_str(), "a+e");
     if (kmsg == nullptr) {
         return;
     }

@@ -98,14 +98,14 @@ void StavikDaemon::HandleLoadStartupCfg(const std::string& owner, const Message:
     SendStartupCfgResult(fd, request, ret);
 }
 
-// Unlike the load, the receive line names the file actually read.
+// As in the load, the receive line names the path of the request.
 void StavikDaemon::HandleReloadStartupCfg(const std::string& owner, const Message::StartupCfgInfo& info,
                                           const TubixRequest& request, int32_t fd)
 {
     Message::StartupCfgInfo ownInfo = info;
     ownInfo.path = GetStartupEntryPath(owner);
     Syslog(LOG_INFO, "%s SK receive RELOAD_STARTUP_CFG msg load file=%s", BootStrace(SK_TAG).c_str(),
-           ownInfo.path.c_str());
+           info.path.c_str());
     uint32_t ret = ReLoadStartCfgInfo(ownInfo);
     Syslog(LOG_INFO, "%s ReLoadStartCfgInfo finish ret=0x%X, fd=%d", BootStrace(SK_TAG).c_str(), ret, fd);
     SendStartupCfgResult(fd, request, ret);

@@ -1,8 +1,9 @@
 #include "core/stavik_daemon.h"
 
-#include <sys/wait.h>
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <exception>
 
 #include "app/home_env.h"
@@ -120,22 +121,37 @@ void StavikDaemon::Join()
     JoinIfStarted(sysCheckThread_);
 }
 
-// A child that ends at once makes a blocking wait() return, so that the wait
-// thread sees the stop even while other children live.
+// A child that ends at once makes a blocking wait return, so that the wait
+// thread sees the stop even while other children live. The child waits until
+// its pid is stored, so that the wait thread always knows it as the wake child.
 void StavikDaemon::StartWaitWakeChild()
 {
     if (!waitThread_.joinable()) {
         return;
     }
+    int hold[2] = {-1, -1};
+    if (pipe2(hold, O_CLOEXEC) != 0) {
+        Syslog(LOG_ERR, "STAVIK: wake child pipe failed, errno=%d", errno);
+        return;
+    }
     pid_t child = fork();
     if (child == 0) {
+        char byte = 0;
+        close(hold[1]);
+        while (read(hold[0], &byte, 1) == -1 && errno == EINTR) {
+        }
         _exit(0);
     }
     if (child > 0) {
         wakeChildPid_.store(child);
     }
+    close(hold[1]);
+    close(hold[0]);
 }
 
+// No owner-pipe callback may reach the members once they go: the pipes are
+// closed and the callbacks still inside are waited for. The log stays open
+// for the lines of StavikRun and main; main closes it.
 StavikDaemon::~StavikDaemon()
 {
     stateCond_.notify_all();
@@ -143,14 +159,16 @@ StavikDaemon::~StavikDaemon()
     StartWaitWakeChild();
     BootContext::Instance().WakeChildMsgReader();
     Join();
+    master_.CloseAllPipes();
+    callbackGate_->Close();
     BootContext::Instance().ClosePipes();
-    closelog();
 }
 
+// The exception is told while the daemon still stands, with the log open.
 uint32_t StavikRun(const std::string& baseServiceCfgPath)
 {
+    StavikDaemon daemon(baseServiceCfgPath);
     try {
-        StavikDaemon daemon(baseServiceCfgPath);
         if (!daemon.Init()) {
             return 1;
         }

@@ -15,6 +15,7 @@
 
 #include "channel/master.h"
 #include "channel/message.h"
+#include "core/callback_gate.h"
 #include "core/app_tables.h"
 #include "core/priority_app_list.h"
 #include "tubix.h"
@@ -148,6 +149,8 @@ private:
     // lets InitBaseApp wait without holding baseAppMutex_ and lose no report.
     uint64_t stateReports_ = 0;
     std::string baseServiceCfgPath_;
+    // Shared with every owner-pipe callback; closed by the stop.
+    std::shared_ptr<CallbackGate> callbackGate_ = std::make_shared<CallbackGate>();
     Master master_;
     GeneralAppMap allGeneralAppMap_;
     std::thread checkThread_;
@@ -160,7 +163,8 @@ private:
     // Read by every loop without a lock; atomic so that the stop is seen at once.
     std::atomic<bool> isRunning_{true};
     std::thread coreAffinityThread_;
-    // A child forked by the stop only to end a blocking wait of the wait thread.
+    // A child forked by the stop only to end a blocking wait of the wait
+    // thread; it can't end before its pid is stored here.
     std::atomic<pid_t> wakeChildPid_{0};
 };
 

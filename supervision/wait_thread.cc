@@ -1,4 +1,7 @@
+#include <signal.h>
 #include <sys/wait.h>
+
+#include <cerrno>
 
 #include "app/steady_clock.h"
 #include "core/log.h"
@@ -9,22 +12,50 @@ namespace Stavik {
 namespace {
 
 const uint64_t CHILDLESS_SLEEP_NS = 30 * NS_PER_MS;
+constexpr int32_t EXIT_CODE_MASK = 0xff;
+constexpr int EXIT_CODE_SHIFT = 8;
+constexpr int32_t SIGNAL_MASK = 0x7f;
+constexpr int32_t CORE_BIT = 0x80;
+
+// The status as wait() would have given it.
+int32_t WaitStatusOf(const siginfo_t& info)
+{
+    switch (info.si_code) {
+        case CLD_EXITED:
+            return (info.si_status & EXIT_CODE_MASK) << EXIT_CODE_SHIFT;
+        case CLD_DUMPED:
+            return (info.si_status & SIGNAL_MASK) | CORE_BIT;
+        default:
+            return info.si_status & SIGNAL_MASK;
+    }
+}
+
+void Reap(pid_t pid)
+{
+    int ignored = 0;
+    while (waitpid(pid, &ignored, WNOHANG) == -1 && errno == EINTR) {
+    }
+}
 
 } // namespace
 
+// A dead child is first only looked at and stays a zombie, so that its pid
+// can't be reused, until its status is in its record; only then is it
+// collected. So no signal of the daemon can reach a stranger: a sender checks
+// hasExitStatus_ under the record's mutex, and until that is set the pid is
+// still the dead child's.
 void StavikDaemon::WaitThread()
 {
     while (isRunning_) {
-        int status = 0;
-        pid_t pid = wait(&status);
-        if (pid < 1) {
+        siginfo_t info {};
+        if (waitid(P_ALL, 0, &info, WEXITED | WNOWAIT) != 0 || info.si_pid < 1) {
             SleepNs(CHILDLESS_SLEEP_NS);
             continue;
         }
-        if (pid == wakeChildPid_.load()) {
-            continue;
+        if (info.si_pid != wakeChildPid_.load()) {
+            DeliverExitStatus(info.si_pid, WaitStatusOf(info), SteadyNowNs());
         }
-        DeliverExitStatus(pid, status, SteadyNowNs());
+        Reap(info.si_pid);
     }
     Syslog(LOG_WARNING, "STAVIK: WaitThread exit now.");
 }

@@ -5,13 +5,16 @@
 //               [--sleep-forever]
 // The record holds one "key=value" line each: uid, gid, groups, nice, policy,
 // rtprio (the RLIMIT_RTPRIO soft limit), pid, ppid, boottime_ns (start, on
-// CLOCK_BOOTTIME), argv, and env.NAME for every variable. --out-dir writes it
+// CLOCK_BOOTTIME), argv, env.NAME for every variable, and fd.N for every
+// descriptor it was given (its target). --out-dir writes it
 // to DIR/<pid>, so that every incarnation of a restarted service keeps its own.
 // A planned death (--exit or --signal) appends exit_boottime_ns just before it
 // happens. --die-while makes that death conditional on FILE existing at the
 // start; otherwise the child lives on. --no-core keeps a fatal signal from
 // writing a core file.
+#include <dirent.h>
 #include <grp.h>
+#include <limits.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -91,6 +94,28 @@ std::string ListenPath()
     return address.sun_path;
 }
 
+// What the child was given open across exec, as "fd.N=target" lines; the
+// record's own file and the listing's directory are left out.
+void WriteOpenFds(FILE* out)
+{
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return;
+    }
+    while (struct dirent* entry = readdir(dir)) {
+        int fd = atoi(entry->d_name);
+        if (entry->d_name[0] == '.' || fd == dirfd(dir) || fd == fileno(out)) {
+            continue;
+        }
+        char target[PATH_MAX] = {0};
+        std::string link = std::string("/proc/self/fd/") + entry->d_name;
+        if (readlink(link.c_str(), target, sizeof(target) - 1) > 0) {
+            fprintf(out, "fd.%d=%s\n", fd, target);
+        }
+    }
+    closedir(dir);
+}
+
 void WriteRecord(const std::string& path, int argc, char* argv[])
 {
     unsigned long long started = BootTimeNs();
@@ -121,6 +146,7 @@ void WriteRecord(const std::string& path, int argc, char* argv[])
     for (char** entry = environ; *entry != nullptr; ++entry) {
         fprintf(out, "env.%s\n", *entry);
     }
+    WriteOpenFds(out);
     fclose(out);
     // Renamed into place so that a reader never sees half a record.
     rename(tmp.c_str(), path.c_str());

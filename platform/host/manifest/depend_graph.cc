@@ -2,6 +2,9 @@
 
 #include <syslog.h>
 
+#include <cstdlib>
+#include <stdexcept>
+
 #include "core/log.h"
 #include "manifest/cycle_breaker.h"
 
@@ -36,8 +39,15 @@ std::set<std::string> DependGraph::GetNoDependVertices() const
     return ready;
 }
 
+// The closed library may throw; the host one throws on request, when the
+// vertex named by HOST_MANIFEST_THROW_ON_POP is popped, so that what an
+// exception does to the daemon can be tried for real.
 void DependGraph::Pop(const std::string& name)
 {
+    const char* faultName = getenv("HOST_MANIFEST_THROW_ON_POP");
+    if (faultName != nullptr && name == faultName) {
+        throw std::runtime_error("manifest library fault at " + name);
+    }
     depends_.erase(name);
     for (auto& vertex : depends_) {
         vertex.second.erase(name);

@@ -17,10 +17,12 @@ int32_t ParseAndDepend::ParseYaml(ParamType type, const std::string& path, std::
     std::vector<ApplicationManifest> read;
     int32_t result = ReadManifestFile(path, matchArgs, read);
     {
-        // Later files win: the start graph uses what was read last for each name.
+        // Later files win: the start graph uses what was read last for each
+        // name. Within one file the first entry of a name wins.
         std::lock_guard<std::mutex> guard(mutex_);
+        std::set<std::string> names;
         for (const ApplicationManifest& manifest : read) {
-            if (!manifest.GetAppName().empty()) {
+            if (!manifest.GetAppName().empty() && names.insert(manifest.GetAppName()).second) {
                 knownDepends_[manifest.GetAppName()] = manifest.GetDependList();
             }
         }

@@ -243,6 +243,31 @@ TEST_F(StateMachineTest, DeadAndMeaninglessStates)
     EXPECT_TRUE(HasLine(LOG_ERR, "CheckState : pid <= 0, don't call waitpid(), currentState=1"));
 }
 
+// A query only peeks, and a pid whose status is collected is neither asked
+// about nor signalled: it may be another process's by now.
+TEST_F(StateMachineTest, CollectedPidIsLeftAloneAndAQueryNeverReaps)
+{
+    Support::SleepingChild dying;
+    GeneralAppInfo app = General(RUNNING, dying.Pid());
+    EXPECT_EQ(app.QueryStopped(), 0);
+    kill(dying.Pid(), SIGSTOP);
+    EXPECT_TRUE(Support::WaitUntil([&] { return app.QueryStopped() == 2; }));
+    kill(dying.Pid(), SIGKILL);
+    EXPECT_TRUE(Support::WaitUntil([&] { return app.QueryStopped() == 1; }));
+    int status = dying.Reap();
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the query took the status";
+
+    Support::SleepingChild stranger;
+    GeneralAppInfo ended = General(RUNNING, stranger.Pid());
+    ended.SetExitStatus(0);
+    EXPECT_EQ(ended.QueryStopped(), 1);
+    EXPECT_TRUE(ended.TermProcess());
+    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : TermProcess: appName=sm, pid=" + std::to_string(stranger.Pid()) +
+                                      " has already ended, no signal sent"));
+    EXPECT_EQ(LogCapture::Count("SendSignal"), 0u);
+    EXPECT_EQ(kill(stranger.Pid(), 0), 0);
+}
+
 } // namespace
 } // namespace App
 } // namespace Stavik

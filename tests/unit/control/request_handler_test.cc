@@ -80,15 +80,18 @@ TEST_F(RequestHandler, ReloadOverThePipeReadsTheOwnersOwnFileAndAnswersZero)
     ASSERT_TRUE(session.ReloadStartupCfg(Message::StartupCfgInfo{{}, "/etc/elsewhere.yaml"}, answer))
         << session.LastError();
     EXPECT_EQ("0", answer);
-    EXPECT_EQ(LOG_INFO, LevelOf("SK receive RELOAD_STARTUP_CFG msg load file=" + startup));
+    // The receive line names the request's path; the owner's own file is read.
+    EXPECT_EQ(LOG_INFO, LevelOf("SK receive RELOAD_STARTUP_CFG msg load file=/etc/elsewhere.yaml"));
     EXPECT_EQ(LOG_ERR, LevelOf("LoadStartCfgInfo failed, path=" + startup));
     EXPECT_TRUE(Count("ReLoadStartCfgInfo finish ret=0x0, fd="));
 
-    // An empty query is logged and sends nothing.
+    // An empty query is logged and sends nothing; empty names keep their place in the list.
     daemon_->QueryAppState({}, "ownerA");
     EXPECT_EQ(LOG_DEBUG, LevelOf("SK receive QUERY_APP_STATE msg from ownerA, appList="));
     EXPECT_TRUE(Count("SK finish QUERY_APP_STATE request from ownerA"));
     EXPECT_EQ(0u, Count("ReportAppDetailStatus"));
+    daemon_->QueryAppState({"", "x", ""}, "nobody");
+    EXPECT_TRUE(Count("SK receive QUERY_APP_STATE msg from nobody, appList=,x,"));
 }
 
 } // namespace
