@@ -14,18 +14,15 @@ int32_t ParseAndDepend::ParseYaml(ParamType type, const std::string& path, std::
                        static_cast<unsigned>(type));
         return MANIFEST_BAD_TYPE;
     }
-    std::vector<ApplicationManifest> read;
-    int32_t result = ReadManifestFile(path, matchArgs, read);
-    {
-        // Later files win: the start graph uses what was read last for each name.
-        std::lock_guard<std::mutex> guard(mutex_);
-        for (const ApplicationManifest& manifest : read) {
-            if (!manifest.GetAppName().empty()) {
-                knownDepends_[manifest.GetAppName()] = manifest.GetDependList();
-            }
+    size_t first = out.size();
+    int32_t result = ReadManifestFile(path, matchArgs, out);
+    // Later files win: the start graph uses what was read last for each name.
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (size_t index = first; index < out.size(); ++index) {
+        if (!out[index].GetAppName().empty()) {
+            knownDepends_[out[index].GetAppName()] = out[index].GetDependList();
         }
     }
-    out.insert(out.end(), read.begin(), read.end());
     return result;
 }
 
