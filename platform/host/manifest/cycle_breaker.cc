@@ -39,7 +39,6 @@ private:
     void Release(std::vector<size_t> released);
     std::string CycleText(size_t start) const;
 
-    DependEdges& edges_;
     std::vector<DependEdges::iterator> vertices_;
     std::vector<Edge> edgeList_;          // by the name it leaves, then the name it reaches
     std::vector<size_t> nextEdge_;        // first edge of a name the walk may still follow
@@ -52,7 +51,7 @@ private:
     size_t releasedFrom_ = NOT_ON_PATH;   // smallest walk position released by the last cut
 };
 
-CycleCutter::CycleCutter(DependEdges& edges) : edges_(edges)
+CycleCutter::CycleCutter(DependEdges& edges)
 {
     std::map<std::string, size_t> number;
     for (auto vertex = edges.begin(); vertex != edges.end(); ++vertex) {
