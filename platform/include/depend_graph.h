@@ -24,7 +24,7 @@ private:
     // Every name seen, as a vertex or only as a dependency. A name that is no
     // vertex has no dependencies of its own.
     struct Name {
-        const std::string* text;
+        std::string text;
         bool isVertex;
         size_t waits;                // dependencies that are vertices now
         std::set<size_t> depends;

@@ -57,7 +57,7 @@ void DependGraph::Pop(const std::string& name)
         Name& waiting = names_[dependant];
         waiting.depends.erase(number);
         if (wasVertex && --waiting.waits == 0) {
-            ready_.insert(*waiting.text);
+            ready_.insert(waiting.text);
         }
     }
     names_[number].dependants.clear();
@@ -77,7 +77,7 @@ void DependGraph::AddVertex(const std::string& name, const std::set<std::string>
         ++vertexCount_;
         for (size_t dependant : vertex.dependants) {
             if (names_[dependant].waits++ == 0) {
-                ready_.erase(*names_[dependant].text);
+                ready_.erase(names_[dependant].text);
             }
         }
     }
@@ -98,7 +98,7 @@ size_t DependGraph::NumberOf(const std::string& name)
 {
     auto found = numbers_.emplace(name, names_.size());
     if (found.second) {
-        names_.push_back(Name{&found.first->first, false, 0, {}, {}});
+        names_.push_back(Name{name, false, 0, {}, {}});
     }
     return found.first->second;
 }
