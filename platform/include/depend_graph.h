@@ -1,9 +1,11 @@
 #ifndef STAVIK_PLATFORM_DEPEND_GRAPH_H
 #define STAVIK_PLATFORM_DEPEND_GRAPH_H
 
+#include <cstddef>
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 // Start graph of the base applications: a vertex per name, an edge from an
 // application to each dependency that is itself a vertex.
@@ -19,7 +21,22 @@ public:
     void AddVertex(const std::string& name, const std::set<std::string>& depends);
 
 private:
-    std::map<std::string, std::set<std::string>> depends_;
+    // Every name seen, as a vertex or only as a dependency. A name that is no
+    // vertex has no dependencies of its own.
+    struct Name {
+        std::string text;
+        bool isVertex;
+        size_t waits;                // dependencies that are vertices now
+        std::set<size_t> depends;
+        std::set<size_t> dependants; // names whose depends hold this one
+    };
+
+    size_t NumberOf(const std::string& name);
+
+    std::map<std::string, size_t> numbers_;
+    std::vector<Name> names_;
+    std::set<std::string> ready_;
+    size_t vertexCount_ = 0;
 };
 
 #endif

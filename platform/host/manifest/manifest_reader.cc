@@ -70,6 +70,8 @@ ManifestResult ReadManifestFile(const std::string& path, const std::map<std::str
         return intact ? MANIFEST_BAD_LAYOUT : MANIFEST_SYNTAX_ERROR;
     }
     size_t usable = UsableEntries(*apps, intact);
+    // A large manifest would otherwise hold the entries twice while the list grows.
+    out.reserve(out.size() + usable);
     for (size_t index = 0; index < usable; ++index) {
         EntryFields fields;
         if (!ReadEntry(*apps->items[index], path, fields)) {

@@ -14,20 +14,18 @@ int32_t ParseAndDepend::ParseYaml(ParamType type, const std::string& path, std::
                        static_cast<unsigned>(type));
         return MANIFEST_BAD_TYPE;
     }
-    std::vector<ApplicationManifest> read;
-    int32_t result = ReadManifestFile(path, matchArgs, read);
-    {
-        // Later files win: the start graph uses what was read last for each
-        // name. Within one file the first entry of a name wins.
-        std::lock_guard<std::mutex> guard(mutex_);
-        std::set<std::string> names;
-        for (const ApplicationManifest& manifest : read) {
-            if (!manifest.GetAppName().empty() && names.insert(manifest.GetAppName()).second) {
-                knownDepends_[manifest.GetAppName()] = manifest.GetDependList();
-            }
+    size_t first = out.size();
+    int32_t result = ReadManifestFile(path, matchArgs, out);
+    // Later files win: the start graph uses what was read last for each name.
+    // Within one file the first entry of a name wins.
+    std::lock_guard<std::mutex> guard(mutex_);
+    std::set<std::string> names;
+    for (size_t index = first; index < out.size(); ++index) {
+        const std::string& name = out[index].GetAppName();
+        if (!name.empty() && names.insert(name).second) {
+            knownDepends_[name] = out[index].GetDependList();
         }
     }
-    out.insert(out.end(), read.begin(), read.end());
     return result;
 }
 

@@ -12,6 +12,10 @@
 
 namespace {
 
+// Far beyond any manifest, and far below the depth at which the parser gives
+// up on its own with no useful text after a deep recursion.
+const size_t MAX_NESTING = 100;
+
 // Builds the tree from the parser's events. Every container is attached to
 // its parent when it opens, so a syntax error leaves a tree of what came
 // before it, with the open nodes marked incomplete.
@@ -46,7 +50,7 @@ public:
     void OnSequenceStart(const YAML::Mark& mark, const std::string&, YAML::anchor_t anchor,
                          YAML::EmitterStyle::value) override
     {
-        Open(NewNode(mark, anchor, TreeNode::Kind::SEQUENCE, std::string(), false));
+        Open(mark, anchor, TreeNode::Kind::SEQUENCE);
     }
 
     void OnSequenceEnd() override { Close(); }
@@ -54,7 +58,7 @@ public:
     void OnMapStart(const YAML::Mark& mark, const std::string&, YAML::anchor_t anchor,
                     YAML::EmitterStyle::value) override
     {
-        Open(NewNode(mark, anchor, TreeNode::Kind::MAP, std::string(), false));
+        Open(mark, anchor, TreeNode::Kind::MAP);
     }
 
     void OnMapEnd() override { Close(); }
@@ -79,8 +83,12 @@ private:
         return node;
     }
 
-    void Open(const std::shared_ptr<TreeNode>& node)
+    void Open(const YAML::Mark& mark, YAML::anchor_t anchor, TreeNode::Kind kind)
     {
+        if (open_.size() >= MAX_NESTING) {
+            throw YAML::ParserException(mark, "nesting deeper than " + std::to_string(MAX_NESTING) + " levels");
+        }
+        std::shared_ptr<TreeNode> node = NewNode(mark, anchor, kind, std::string(), false);
         Attach(node);
         open_.push_back(OpenNode{node, nullptr});
     }
