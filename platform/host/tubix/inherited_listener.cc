@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "core/log.h"
 #include "tubix/unix_socket.h"
@@ -62,24 +63,27 @@ int AdoptInheritedListener(const std::string& path, ino_t* inode)
     if (value == nullptr) {
         return -1;
     }
+    std::string text = value;
+    // Whatever comes of it, the variable and the descriptor are not handed on.
+    unsetenv(LISTEN_FD_ENV);
     int fd = -1;
-    if (!ParseDescriptor(value, &fd) || !IsListenerAt(fd, path)) {
-        Stavik::Syslog(LOG_WARNING, "Tubix: %s=%s is not a listening socket at %s; serving without it", LISTEN_FD_ENV,
-                       value, path.c_str());
+    if (!ParseDescriptor(text.c_str(), &fd) || fcntl(fd, F_SETFD, FD_CLOEXEC) != 0) {
+        Stavik::Syslog(LOG_WARNING, "Tubix: %s=%s is not a descriptor of this process; serving without it",
+                       LISTEN_FD_ENV, text.c_str());
         return -1;
     }
     struct stat info;
-    if (lstat(path.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode)) {
-        Stavik::Syslog(LOG_WARNING, "Tubix: the socket file %s of %s=%d is gone; serving without it", path.c_str(),
-                       LISTEN_FD_ENV, fd);
+    if (!IsListenerAt(fd, path) || lstat(path.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode)) {
+        Stavik::Syslog(LOG_WARNING, "Tubix: %s=%d is not a listening socket at %s; serving without it",
+                       LISTEN_FD_ENV, fd, path.c_str());
         return -1;
     }
     int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0 || fcntl(fd, F_SETFD, FD_CLOEXEC) != 0) {
-        Stavik::Syslog(LOG_WARNING, "Tubix: cannot adopt %s=%d, errno=%d; serving without it", LISTEN_FD_ENV, fd, errno);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+        Stavik::Syslog(LOG_WARNING, "Tubix: cannot adopt %s=%d, errno=%d; serving without it", LISTEN_FD_ENV, fd,
+                       errno);
         return -1;
     }
-    unsetenv(LISTEN_FD_ENV);
     *inode = info.st_ino;
     return fd;
 }

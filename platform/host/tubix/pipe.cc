@@ -91,6 +91,7 @@ void Pipe::FlushQueue()
                 break;
             }
             size_t dropped = sendQueue_.Clear();
+            overflowed_ = false;
             Stavik::Syslog(LOG_WARNING, "Tubix: send on fd=%d failed, errno=%d; %zu queued messages dropped", handle_,
                            err, dropped);
             break;

@@ -114,6 +114,10 @@ int ConnectService(const std::string& path, int32_t timeoutMs, bool retry)
     EndpointMemory& memory = EndpointMemory::Instance();
     EndpointFile stale;
     bool knowsStale = memory.Recall(path, &stale);
+    // A new file refusing once may be between its bind and its listen; refusing
+    // twice in a row, it belongs to an incarnation that has come and gone.
+    EndpointFile newcomer;
+    bool newcomerRefused = false;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (true) {
         int fd = -1;
@@ -130,14 +134,21 @@ int ConnectService(const std::string& path, int32_t timeoutMs, bool retry)
             Stavik::Syslog(LOG_ERR, "Tubix: connect to %s failed, errno=%d", path.c_str(), err);
             return -err;
         }
+        bool refusedAgain = false;
         if (err == ECONNREFUSED && exists) {
-            if (knowsStale && seen != stale) {
-                Stavik::Syslog(LOG_ERR, "Tubix: %s was served since it was last seen, and nobody serves it now",
-                               path.c_str());
-                return -ECONNREFUSED;
+            if (!knowsStale) {
+                stale = seen;
+                knowsStale = true;
+            } else if (seen != stale) {
+                refusedAgain = newcomerRefused && seen == newcomer;
+                newcomer = seen;
+                newcomerRefused = true;
             }
-            stale = seen;
-            knowsStale = true;
+        }
+        if (refusedAgain) {
+            Stavik::Syslog(LOG_ERR, "Tubix: %s was served since it was last seen, and nobody serves it now",
+                           path.c_str());
+            return -ECONNREFUSED;
         }
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (!retry || left.count() <= 0) {

@@ -85,7 +85,8 @@ bool IsStaleSocket(const sockaddr_un& address)
     if (lstat(address.sun_path, &info) != 0 || !S_ISSOCK(info.st_mode)) {
         return false;
     }
-    int probe = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    // Never blocks: a listener that does not accept with a full backlog is alive.
+    int probe = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (probe < 0) {
         return false;
     }
@@ -95,6 +96,18 @@ bool IsStaleSocket(const sockaddr_un& address)
     return refused;
 }
 
+// Binds with the mode every client needs, so that the file never changes
+// again after it appears: an opener tells socket files apart by their change time.
+int BindShared(int fd, const sockaddr_un& address)
+{
+    mode_t previous = umask(static_cast<mode_t>(~SOCKET_MODE) & 0777);
+    int rc = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    int err = errno;
+    umask(previous);
+    errno = err;
+    return rc;
+}
+
 // The listening socket, without close-on-exec: the program inherits it.
 int ListenAt(const sockaddr_un& address)
 {
@@ -102,13 +115,16 @@ int ListenAt(const sockaddr_un& address)
     if (fd < 0) {
         return -1;
     }
-    const sockaddr* where = reinterpret_cast<const sockaddr*>(&address);
-    int rc = bind(fd, where, sizeof(address));
-    if (rc != 0 && errno == EADDRINUSE && IsStaleSocket(address)) {
-        unlink(address.sun_path);
-        rc = bind(fd, where, sizeof(address));
+    int rc = BindShared(fd, address);
+    if (rc != 0 && errno == EADDRINUSE) {
+        if (IsStaleSocket(address)) {
+            unlink(address.sun_path);
+            rc = BindShared(fd, address);
+        } else {
+            errno = EADDRINUSE;
+        }
     }
-    if (rc == 0 && chmod(address.sun_path, SOCKET_MODE) == 0 && listen(fd, LISTEN_BACKLOG) == 0) {
+    if (rc == 0 && listen(fd, LISTEN_BACKLOG) == 0) {
         return fd;
     }
     int err = errno;
