@@ -7,7 +7,12 @@ namespace Tubix {
 
 void SleepMs(uint32_t ms)
 {
-    struct timespec left = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+    SleepUs(static_cast<uint64_t>(ms) * 1000);
+}
+
+void SleepUs(uint64_t us)
+{
+    struct timespec left = {static_cast<time_t>(us / 1000000), static_cast<long>(us % 1000000) * 1000L};
     while (nanosleep(&left, &left) != 0 && errno == EINTR) {
     }
 }

@@ -7,6 +7,7 @@ namespace Tubix {
 
 // Sleeps the whole time, resuming after a signal.
 void SleepMs(uint32_t ms);
+void SleepUs(uint64_t us);
 
 } // namespace Tubix
 

@@ -17,7 +17,11 @@
 namespace Tubix {
 namespace {
 
-constexpr uint32_t CONNECT_RETRY_MS = 10;
+// A service is usually up within a millisecond of its fork: the first retries
+// come soon, later ones back off to the longest pause.
+constexpr uint64_t CONNECT_RETRY_FIRST_US = 100;
+constexpr uint64_t CONNECT_RETRY_LAST_US = 10000;
+constexpr std::chrono::milliseconds NEWCOMER_GRACE{10};
 constexpr int LISTEN_BACKLOG = 128;
 
 bool FillAddress(const std::string& path, sockaddr_un* address)
@@ -105,27 +109,62 @@ int BindAndListen(int fd, const std::string& path, const sockaddr_un& address)
 
 } // namespace
 
+namespace {
+
+// Tells, from what the socket file looked like at each refused connect, when
+// nothing is left to wait for. A refusing file seen before (remembered from
+// an earlier open, or at the first look) is the stale endpoint of a dead
+// incarnation that the next one is about to replace. A new file refusing may
+// be between its bind and its listen; still refusing a while later, it
+// belongs to an incarnation that has come and gone.
+class RefusalJudge {
+public:
+    explicit RefusalJudge(const std::string& path) : knowsStale_(EndpointMemory::Instance().Recall(path, &stale_)) {}
+
+    bool Gone(const EndpointFile& seen)
+    {
+        auto now = std::chrono::steady_clock::now();
+        if (!knowsStale_) {
+            stale_ = seen;
+            knowsStale_ = true;
+        } else if (seen == stale_) {
+            return false;
+        } else if (newcomerRefused_ && seen == newcomer_) {
+            return now - newcomerSince_ >= NEWCOMER_GRACE;
+        } else {
+            newcomer_ = seen;
+            newcomerRefused_ = true;
+            newcomerSince_ = now;
+        }
+        return false;
+    }
+
+private:
+    EndpointFile stale_;
+    bool knowsStale_;
+    EndpointFile newcomer_;
+    bool newcomerRefused_ = false;
+    std::chrono::steady_clock::time_point newcomerSince_;
+};
+
+} // namespace
+
 int ConnectService(const std::string& path, int32_t timeoutMs, bool retry)
 {
     sockaddr_un address;
     if (!FillAddress(path, &address)) {
         return -ENAMETOOLONG;
     }
-    EndpointMemory& memory = EndpointMemory::Instance();
-    EndpointFile stale;
-    bool knowsStale = memory.Recall(path, &stale);
-    // A new file refusing once may be between its bind and its listen; refusing
-    // twice in a row, it belongs to an incarnation that has come and gone.
-    EndpointFile newcomer;
-    bool newcomerRefused = false;
+    RefusalJudge judge(path);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    uint64_t pauseUs = CONNECT_RETRY_FIRST_US;
     while (true) {
         int fd = -1;
         int err = TryConnect(address, &fd);
         EndpointFile seen;
         bool exists = EndpointMemory::Look(path, &seen);
         if (exists) {
-            memory.Remember(path, seen);
+            EndpointMemory::Instance().Remember(path, seen);
         }
         if (err == 0) {
             return fd;
@@ -134,27 +173,17 @@ int ConnectService(const std::string& path, int32_t timeoutMs, bool retry)
             Stavik::Syslog(LOG_ERR, "Tubix: connect to %s failed, errno=%d", path.c_str(), err);
             return -err;
         }
-        bool refusedAgain = false;
-        if (err == ECONNREFUSED && exists) {
-            if (!knowsStale) {
-                stale = seen;
-                knowsStale = true;
-            } else if (seen != stale) {
-                refusedAgain = newcomerRefused && seen == newcomer;
-                newcomer = seen;
-                newcomerRefused = true;
-            }
-        }
-        if (refusedAgain) {
+        if (err == ECONNREFUSED && exists && judge.Gone(seen)) {
             Stavik::Syslog(LOG_ERR, "Tubix: %s was served since it was last seen, and nobody serves it now",
                            path.c_str());
             return -ECONNREFUSED;
         }
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
         if (!retry || left.count() <= 0) {
             return -EAGAIN;
         }
-        SleepMs(static_cast<uint32_t>(std::min<int64_t>(left.count(), CONNECT_RETRY_MS)));
+        SleepUs(std::min<uint64_t>(static_cast<uint64_t>(left.count()), pauseUs));
+        pauseUs = std::min(pauseUs * 2, CONNECT_RETRY_LAST_US);
     }
 }
 
