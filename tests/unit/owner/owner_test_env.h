@@ -50,14 +50,19 @@ public:
     bool SendBytes(const std::string& bytes);
 
 private:
-    void OnMessage(int32_t fd, const TubixRequest* req);
+    // Shared with the pipe's callback, which may still run after the close.
+    struct State {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::vector<std::string> messages;
+        std::map<uint32_t, std::string> answers;
+    };
+
+    static void OnMessage(State& state, int32_t fd, const TubixRequest* req);
     bool Send(const Stavik::Message::RequestMsg& record);
 
     int32_t fd_ = -1;
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
-    std::vector<std::string> messages_;
-    std::map<uint32_t, std::string> answers_;
+    const std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 // stavik-owner with these arguments, its standard output collected, its
