@@ -13,19 +13,14 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-build="${STAVIK_BUILD_DIR:-build}"
-[[ $build = /* ]] || build="$PWD/$build"
+. bench/bench_env.sh
 daemon_bin="$build/stavik-daemon"
 probe_bin="$build/tests/probe_child"
 seconds="${1:-20}"
 lifetime_ms="${LIFETIME_MS:-50}"
-for program in "$daemon_bin" "$probe_bin"; do
-  [ -x "$program" ] || { echo "crash_loop_bench: $program is missing; build first" >&2; exit 1; }
-done
+require_programs crash_loop_bench "$daemon_bin" "$probe_bin"
 
-root="$(mktemp -d /tmp/stavik-bench.XXXXXX)"
-mkdir -p "$root/dev" "$root/etc" "$root/sys/fs/cgroup" "$root/run/tubix" "$root/out"
-chmod 1777 "$root/run/tubix"
+root="$(new_sandbox crash-bench)"
 cat > "$root/etc/base.yaml" <<YAML
 apps:
   - name: crasher

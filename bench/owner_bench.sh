@@ -17,20 +17,17 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-build="${STAVIK_BUILD_DIR:-build}"
-daemon_bin="$PWD/$build/stavik-daemon"
-owner_bin="$PWD/$build/client/stavik-owner"
-probe_bin="$PWD/$build/tests/probe_child"
+. bench/bench_env.sh
+daemon_bin="$build/stavik-daemon"
+owner_bin="$build/client/stavik-owner"
+probe_bin="$build/tests/probe_child"
 count="${1:-1000}"
 list="${2:-100}"
 phase_timeout_s=120
 
-for program in "$daemon_bin" "$owner_bin" "$probe_bin"; do
-  [ -x "$program" ] || { echo "owner_bench: $program is missing; build first" >&2; exit 1; }
-done
+require_programs owner_bench "$daemon_bin" "$owner_bin" "$probe_bin"
 
-root="$(mktemp -d /tmp/stavik-owner-bench.XXXXXX)"
-mkdir -p "$root/dev" "$root/etc" "$root/sys/fs/cgroup" "$root/run/tubix"
+root="$(new_sandbox owner-bench)"
 export STAVIK_SYSROOT="$root" STAVIK_LOG_STDERR=1 TUBIX_DIR="$root/run/tubix"
 
 daemon_pid="" owner_pid="" zul_pid=""
@@ -110,6 +107,10 @@ zul_pid=$!
 owner_pid=$!
 exec 3> "$root/owner.fifo"
 echo '{"type":"state","state":"RUNNING"}' >&3
+# The tools play services whose manifest entries are dummies: they must hold
+# the names before the daemon starts those dummies, which would take them.
+listening() { grep -qs '"event":"listening"' "$root/zul.jsonl" && grep -qs '"event":"listening"' "$root/owner.jsonl"; }
+wait_for 10 listening || { echo "owner_bench: the owner tools are not listening" >&2; exit 1; }
 setsid "$daemon_bin" "$root/etc/base.yaml" 2> "$root/daemon.log" &
 daemon_pid=$!
 wait_for 60 booted || { echo "owner_bench: the boot did not end" >&2; exit 1; }

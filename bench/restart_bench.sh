@@ -18,8 +18,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-build="${STAVIK_BUILD_DIR:-build}"
-[[ $build = /* ]] || build="$PWD/$build"
+. bench/bench_env.sh
 daemon_bin="$build/stavik-daemon"
 probe_bin="$build/tests/probe_child"
 idle_s="${BENCH_IDLE_S:-10}"
@@ -27,9 +26,7 @@ check_period_ms=30
 sizes=("$@")
 [ ${#sizes[@]} -gt 0 ] || sizes=(100 1000)
 
-for program in "$daemon_bin" "$probe_bin"; do
-  [ -x "$program" ] || { echo "restart_bench: $program is missing; build first" >&2; exit 1; }
-done
+require_programs restart_bench "$daemon_bin" "$probe_bin"
 
 daemon_pid=""
 stop_daemon() {
@@ -41,12 +38,6 @@ stop_daemon() {
 }
 trap stop_daemon EXIT INT TERM
 
-new_root() {
-  local root
-  root="$(mktemp -d /tmp/stavik-bench.XXXXXX)"
-  mkdir -p "$root/dev" "$root/etc" "$root/sys/fs/cgroup" "$root/run/tubix" "$root/out"
-  echo "$root"
-}
 
 # manifest ROOT N MODE: MODE "rest" lives on, "churn" crashes after a spread delay.
 write_manifest() {
@@ -104,7 +95,7 @@ percentiles() {
 
 run_rest() {
   local n=$1 root t0 c0 n0 t1 c1 n1 passes
-  root="$(new_root)"
+  root="$(new_sandbox bench)"
   write_manifest "$root" "$n" rest
   start_daemon "$root"
   wait_for 300 booted "$root" || { echo "rest N=$n: boot did not end" >&2; return 1; }
@@ -163,7 +154,7 @@ churn_latencies() {
 run_churn() {
   local n=$1 root c0 c1 t0 t1 churn_s
   churn_s="${BENCH_CHURN_S:-$((30 * n / 1000 + 10))}"
-  root="$(new_root)"
+  root="$(new_sandbox bench)"
   write_manifest "$root" "$n" churn
   start_daemon "$root"
   wait_for 300 booted "$root" || { echo "churn N=$n: boot did not end" >&2; return 1; }
