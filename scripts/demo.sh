@@ -45,8 +45,11 @@ show_placement() {
     done
   done
   echo "demo: cores of the running services"
-  for id in $(pgrep -s "$daemon" -f stavik-demo-service || true); do
-    echo "  $id $(tr '\0' ' ' < "/proc/$id/cmdline" | cut -d' ' -f3): $(sed -n 's/^Cpus_allowed_list:[[:space:]]*//p' "/proc/$id/status" 2>/dev/null)"
+  for id in $(pgrep -s "$daemon" -x stavik-demo-ser || true); do
+    {
+      echo "  $id $(tr '\0' '\n' < "/proc/$id/environ" | sed -n 's/^PROC_NAME=//p'):" \
+        "cores $(sed -n 's/^Cpus_allowed_list:[[:space:]]*//p' "/proc/$id/status")"
+    } 2>/dev/null || true
   done
 }
 shown=""
