@@ -4,10 +4,10 @@
 #include <sched.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <set>
+#include <sstream>
 
 #include "resource/core_affinity_mgr.h"
 #include "tests/support/played_owners.h"
@@ -44,9 +44,9 @@ std::string CpuList(const std::vector<uint32_t>& cpus)
     return text;
 }
 
-std::string AllowedList(pid_t pid, const std::string& tid)
+std::string AllowedList(uint32_t pid, uint32_t tid)
 {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + tid + "/status");
+    std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status");
     std::string line;
     while (std::getline(in, line)) {
         if (line.rfind("Cpus_allowed_list:", 0) == 0) {
@@ -56,31 +56,11 @@ std::string AllowedList(pid_t pid, const std::string& tid)
     return "";
 }
 
-std::set<std::string> TaskIds(pid_t pid)
+// The ids of a tasks file, each as often as it was appended.
+std::multiset<uint32_t> TasksIds(const Sandbox& box, const std::string& group)
 {
-    std::set<uint32_t> ids;
-    CoreAffinityMgr::GetTids(static_cast<uint32_t>(pid), ids);
-    std::set<std::string> tids;
-    for (uint32_t id : ids) {
-        tids.insert(std::to_string(id));
-    }
-    return tids;
-}
-
-std::vector<std::string> TasksLines(const Sandbox& box, const std::string& group)
-{
-    std::vector<std::string> lines;
     std::istringstream in(box.ReadFile(CG + group + "/tasks"));
-    std::string line;
-    while (std::getline(in, line)) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-size_t Occurrences(const std::vector<std::string>& lines, const std::string& id)
-{
-    return static_cast<size_t>(std::count(lines.begin(), lines.end(), id));
+    return std::multiset<uint32_t>(std::istream_iterator<uint32_t>(in), std::istream_iterator<uint32_t>());
 }
 
 // The tree of a board: control and QXCPU cpusets, the daemon's OTHER groups,
@@ -124,46 +104,40 @@ TEST(CgroupRun, ChildrenAndDaemonThreadsArePlacedAndBound)
     DaemonProcess daemon(box, {manifest});
     ASSERT_FALSE(daemon.WaitForLine("Start baseApp success appName=placed", CHILD_WAIT_MS).empty()) << daemon.Log();
     ASSERT_FALSE(daemon.WaitForLine("Start baseApp success appName=last", CHILD_WAIT_MS).empty()) << daemon.Log();
-    const std::string pid = std::to_string(StartedPids(daemon, "placed").at(0));
+    const uint32_t pid = static_cast<uint32_t>(StartedPids(daemon, "placed").at(0));
 
     // Missing files give their sentences in list order and the child still runs.
     const std::string missing = "add to group failed, cgroup path=" + box.Path(CG + "net_cls/missing/tasks") +
                                 " is not existed;add to group failed, cgroup path=" +
                                 box.Path(CG + "memory/io1_MEMORY/tasks") + " is not existed;";
-    EXPECT_FALSE(daemon.WaitForLine("app=placed,pid=" + pid + "," + missing, CHILD_WAIT_MS).empty()) << daemon.Log();
-    EXPECT_TRUE(ProcessAlive(std::stoi(pid)));
+    EXPECT_FALSE(daemon.WaitForLine("app=placed,pid=" + std::to_string(pid) + "," + missing, CHILD_WAIT_MS).empty())
+        << daemon.Log();
+    EXPECT_TRUE(ProcessAlive(static_cast<pid_t>(pid)));
     for (const std::string group : {"cpuset/CtrlCPU", "cpu/grpA", "memory/grpA", "pids/p1", "blkio/io1"}) {
-        EXPECT_EQ(1u, Occurrences(TasksLines(box, group), pid)) << group;
+        EXPECT_EQ(1u, TasksIds(box, group).count(pid)) << group;
     }
-    EXPECT_TRUE(TasksLines(box, "freezer/a..b").empty());
-    EXPECT_EQ(0u, Occurrences(TasksLines(box, "cpu/OTHER"), pid));
+    EXPECT_TRUE(TasksIds(box, "freezer/a..b").empty());
+    EXPECT_EQ(0u, TasksIds(box, "cpu/OTHER").count(pid));
 
     // Each bound child runs on its core; the QXCPU core adds it to QXCPU.
     for (const auto& bound : {std::make_pair("first", cpus.front()), std::make_pair("last", cpus.back())}) {
-        pid_t child = StartedPids(daemon, bound.first).at(0);
-        EXPECT_TRUE(WaitUntil([&] { return AllowedList(child, std::to_string(child)) == std::to_string(bound.second); },
-                              CHILD_WAIT_MS))
-            << bound.first << " " << AllowedList(child, std::to_string(child));
-        EXPECT_EQ(bound.second == cpus.back() ? 1u : 0u,
-                  Occurrences(TasksLines(box, "cpuset/QXCPU"), std::to_string(child)))
-            << bound.first;
+        uint32_t child = static_cast<uint32_t>(StartedPids(daemon, bound.first).at(0));
+        EXPECT_TRUE(WaitUntil([&] { return AllowedList(child, child) == std::to_string(bound.second); }, CHILD_WAIT_MS))
+            << bound.first << " " << AllowedList(child, child);
+        EXPECT_EQ(bound.second == cpus.back() ? 1u : 0u, TasksIds(box, "cpuset/QXCPU").count(child)) << bound.first;
     }
     EXPECT_GE(daemon.IndexOf("CheckIsCtrlCpu app=outside, coreId=1023 is not in CtrlCpu"), 0) << daemon.Log();
     EXPECT_TRUE(StartedPids(daemon, "outside").empty());
 
     // The daemon's threads, and nothing else, are in its three groups.
-    const std::string self = std::to_string(daemon.Pid());
-    std::set<std::string> daemonTids;
-    for (const auto& tid : TasksLines(box, "cpu/OTHER")) {
-        daemonTids.insert(tid);
-        EXPECT_FALSE(AllowedList(daemon.Pid(), tid).empty()) << tid << " is no thread of the daemon";
+    const uint32_t self = static_cast<uint32_t>(daemon.Pid());
+    const std::multiset<uint32_t> other = TasksIds(box, "cpu/OTHER");
+    for (uint32_t tid : other) {
+        EXPECT_FALSE(AllowedList(self, tid).empty()) << tid << " is no thread of the daemon";
+        EXPECT_LE(1u, TasksIds(box, "cpuset/CtrlCPU").count(tid)) << tid;
     }
-    EXPECT_TRUE(daemonTids.count(self) == 1 && daemonTids.size() >= 3) << box.ReadFile(CG + "cpu/OTHER/tasks");
-    EXPECT_EQ(box.ReadFile(CG + "cpu/OTHER/tasks"), box.ReadFile(CG + "memory/OTHER/tasks"));
-    for (const std::string& tid : daemonTids) {
-        EXPECT_LE(1u, Occurrences(TasksLines(box, "cpuset/CtrlCPU"), tid)) << tid;
-    }
-    EXPECT_GE(daemon.IndexOf("STAVIK: CgroupMgr CPU_NUM="), 0);
+    EXPECT_TRUE(other.count(self) > 0 && std::set<uint32_t>(other.begin(), other.end()).size() >= 3);
+    EXPECT_EQ(other, TasksIds(box, "memory/OTHER"));
     EXPECT_GE(daemon.IndexOf("hostCpuSwitch=1, BlkIoSwitch=1, BufferIoSwitch=1, isCfgOk=1"), 0) << daemon.Log();
     EXPECT_GE(daemon.IndexOf("STAVIK: CgroupMgr cfg: policy HOST_CPU_SET=grpA:50;"), 0) << daemon.Log();
 }
@@ -189,21 +163,21 @@ TEST(CgroupRun, QuickStartPriorityAppIsPlacedAtTheContinuePoint)
         << daemon.Log();
     std::vector<StartLine> starts = StartLines(daemon, "Start priority generalApp success");
     ASSERT_EQ(1u, starts.size()) << daemon.Log();
-    const pid_t pid = starts[0].pid;
-    std::set<std::string> tids;
+    const uint32_t pid = static_cast<uint32_t>(starts[0].pid);
+    std::set<uint32_t> tids;
     ASSERT_TRUE(WaitUntil([&] {
-        tids = TaskIds(pid);
-        return tids.size() == 3;
+        tids.clear();
+        return CoreAffinityMgr::GetTids(pid, tids) && tids.size() == 3;
     }, CHILD_WAIT_MS));
-    EXPECT_TRUE(TasksLines(box, "cpu/grpA").empty());
+    EXPECT_TRUE(TasksIds(box, "cpu/grpA").empty());
 
     daemon.Signal(SIGCONT);
     ASSERT_FALSE(daemon.WaitForLine("ContinueStavikInit success", CHILD_WAIT_MS).empty()) << daemon.Log();
-    for (const std::string& tid : tids) {
+    for (uint32_t tid : tids) {
         for (const std::string group : {"cpu/grpA", "memory/grpA", "cpuset/CtrlCPU"}) {
-            EXPECT_LE(1u, Occurrences(TasksLines(box, group), tid)) << group << " " << tid;
+            EXPECT_LE(1u, TasksIds(box, group).count(tid)) << group << " " << tid;
         }
-        EXPECT_EQ(0u, Occurrences(TasksLines(box, "cpu/OTHER"), tid));
+        EXPECT_EQ(0u, TasksIds(box, "cpu/OTHER").count(tid));
         EXPECT_EQ(std::to_string(cpus.front()), AllowedList(pid, tid)) << tid;
     }
 }
