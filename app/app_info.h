@@ -12,7 +12,10 @@
 #include "application_manifest.h"
 
 namespace Stavik {
+struct CoreBinding;
+
 namespace App {
+class ChildText;
 
 // Values of schedPolicy_: the scheduling class to apply in the child.
 constexpr uint32_t SK_SCHED_OTHER = 0;
@@ -61,6 +64,9 @@ public:
     void SetExitStatus(int32_t status);
     // 0 running, 1 the query failed, 2 stopped.
     int32_t QueryStopped();
+    // Child, after its environment: binds it to the prepared cores, unless
+    // this is a quick start or the binding waits for the delayed flow.
+    void ApplyCoreAffinity(const CoreBinding& binding, ChildText& errInfo) const;
 
     std::string appName_;
     int32_t pid_ = 0;

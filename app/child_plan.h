@@ -7,6 +7,7 @@
 
 #include "app/child_text.h"
 #include "app/user_groups.h"
+#include "resource/core_affinity_mgr.h"
 #include "zul.h"
 
 namespace Stavik {
@@ -43,6 +44,9 @@ struct ChildPlan {
     // Failures of the environment steps, all known before the fork.
     std::string envFragments;
     AppConfig zulConfig;
+    // The cgroup tasks files the child joins, in order, and its core mask.
+    std::vector<std::string> cgroupTasks;
+    CoreBinding binding;
     ChildText text;
 };
 

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "app/child_resources.h"
 #include "app/exit_status.h"
 #include "core/boot_context.h"
 
@@ -87,7 +88,8 @@ void PrepareChildPlan(const AppInfo& app, int32_t niceIncrement, ChildPlan& plan
     plan.zulConfig.binPath = app.execPath_;
     plan.argv.Seal();
     plan.env.Seal();
-    plan.text.Prepare(app.appName_, plan.envFragments.size() + app.execPath_.size());
+    size_t resourceRoom = PrepareChildResources(app, plan);
+    plan.text.Prepare(app.appName_, plan.envFragments.size() + app.execPath_.size() + resourceRoom);
 }
 
 void RunChild(const AppInfo& app, ChildPlan& plan)
@@ -100,6 +102,7 @@ void RunChild(const AppInfo& app, ChildPlan& plan)
         int ignored = nice(plan.niceIncrement);
         (void)ignored;
     }
+    AddPlannedCgroups(plan, getpid(), text);
     if (!SetAppIdentity(app.uid_, app.gid_, plan.groups, text)) {
         text.Send(plan.pipeFd);
         _exit(1);
@@ -107,6 +110,7 @@ void RunChild(const AppInfo& app, ChildPlan& plan)
     text.Add({plan.envFragments});
     environ = plan.env.Data();
     InitZulProc(plan, text);
+    app.ApplyCoreAffinity(plan.binding, text);
     ApplySecurityContext(app.securityCon_, text);
     text.Send(plan.pipeFd);
     char** argv = plan.argv.Data();

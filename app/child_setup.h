@@ -27,11 +27,12 @@ void PrepareChildPlan(const AppInfo& app, int32_t niceIncrement, ChildPlan& plan
 void BuildGeneralAppEnv(const GeneralAppInfo& app, ChildPlan& plan);
 void BuildBaseAppEnv(const BaseAppInfo& app, ChildPlan& plan);
 
-// Child: real-time limit, scheduling class, nice (0 leaves it), identity,
-// then the prepared environment, the naming service, the text to the pipe and
-// the exec. Only async-signal-safe calls, apart from ZULInitProc, which runs
-// with the prepared environment in place; the program gets the environment as
-// it then stands. A failed identity switch ends the child with exit code 1.
+// Child: real-time limit, scheduling class, nice (0 leaves it), cgroups,
+// identity, then the prepared environment, the naming service, the core
+// binding, the text to the pipe and the exec. Only async-signal-safe calls,
+// apart from ZULInitProc, which runs with the prepared environment in place;
+// the program gets the environment as it then stands. A failed identity
+// switch ends the child with exit code 1.
 [[noreturn]] void RunChild(const AppInfo& app, ChildPlan& plan);
 
 // Supplementary groups, gid, uid, stopping at the first failure; the group

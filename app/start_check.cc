@@ -7,8 +7,10 @@
 #include <cerrno>
 
 #include "app/user_groups.h"
+#include "core/boot_context.h"
 #include "core/log.h"
 #include "core/standardization_path.h"
+#include "resource/core_affinity_mgr.h"
 
 namespace Stavik {
 namespace App {
@@ -65,9 +67,17 @@ bool HasExecRight(const std::string& appName, const std::string& execPath, uint3
 
 } // namespace
 
+// A priority application of a quick start comes before the CPU lists are
+// read; it is checked and placed at the continue point.
 bool CheckBeforeStart(const AppInfo& app)
 {
-    return CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_);
+    if (!CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_)) {
+        return false;
+    }
+    if (app.startupPriority_ != -1 && BootContext::Instance().isQuickStart_) {
+        return true;
+    }
+    return CoreAffinityMgr::Instance().CheckIsCtrlCpu(app.appName_, app.coreAffinity_);
 }
 
 bool CheckChildProParas(const std::string& appName, const std::string& execPath, uint32_t uid,

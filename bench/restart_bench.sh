@@ -8,12 +8,15 @@
 #          restarts run all the time at about the same rate (~50/s) whatever N
 #          is; the time from each death to the daemon's fork of the next
 #          incarnation (log stamp) and to the new child running (its record).
-# Both runs report the daemon's peak RSS (VmHWM).
+# Both runs report the daemon's peak RSS (VmHWM). With BENCH_CGROUPS=1 the
+# sandbox has a cgroup tree of plain files and every service joins a resource
+# group and the control cpuset and is bound to the control CPUs, so that each
+# start also makes its tasks appends and its affinity call.
 #
 # Usage: bench/restart_bench.sh [N ...]        (default: 100 1000)
 # Environment: STAVIK_BUILD_DIR (default: build), BENCH_IDLE_S (default 10),
 #              BENCH_CHURN_S (default: 10 s past the longest lifetime),
-#              BENCH_KEEP=1 keeps the sandboxes.
+#              BENCH_KEEP=1 keeps the sandboxes, BENCH_CGROUPS=1 (see above).
 # Builds nothing: it expects the daemon and tests/probe_child in the build folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,6 +26,7 @@ daemon_bin="$build/stavik-daemon"
 probe_bin="$build/tests/probe_child"
 idle_s="${BENCH_IDLE_S:-10}"
 check_period_ms=30
+cgroups="${BENCH_CGROUPS:-0}"
 sizes=("$@")
 [ ${#sizes[@]} -gt 0 ] || sizes=(100 1000)
 
@@ -49,6 +53,9 @@ write_manifest() {
       echo "  - name: $name"
       echo "    bin_path: \"$probe_bin\""
       echo "    restart: on-forever"
+      if [ "$cgroups" = 1 ]; then
+        printf '    res_group: bench\n    cpuset: CtrlCPU\n'
+      fi
       if [ "$mode" = rest ]; then
         echo "    args: []"
       else
@@ -58,6 +65,19 @@ write_manifest() {
       fi
     done
   } > "$root/etc/base.yaml"
+  [ "$cgroups" != 1 ] || cgroup_tree "$root"
+}
+
+# cgroup_tree ROOT: the groups of the services and the daemon, CPU lists of
+# the CPUs this shell may use.
+cgroup_tree() {
+  local cg="$1/sys/fs/cgroup" group
+  for group in cpu/OTHER memory/OTHER cpu/bench memory/bench cpuset/CtrlCPU cpuset/QXCPU; do
+    mkdir -p "$cg/$group"
+    : > "$cg/$group/tasks"
+  done
+  sed -n 's/^Cpus_allowed_list:[[:space:]]*//p' /proc/self/status > "$cg/cpuset/CtrlCPU/cpuset.cpus"
+  echo > "$cg/cpuset/QXCPU/cpuset.cpus"
 }
 
 start_daemon() {

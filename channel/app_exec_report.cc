@@ -3,6 +3,7 @@
 #include "core/constants.h"
 #include "core/log.h"
 #include "core/stavik_daemon.h"
+#include "resource/core_affinity_mgr.h"
 
 namespace Stavik {
 
@@ -22,6 +23,9 @@ void StavikDaemon::UpdateAppExecState(const Message::AppExecInfo& info)
     state.state = info.state == static_cast<uint32_t>(Message::AppExecState::RUNNING)
                       ? static_cast<uint32_t>(RUNNING_NORMAL_START)
                       : static_cast<uint32_t>(TERMINATED_NORMAL_EXIT);
+    if (state.state == static_cast<uint32_t>(TERMINATED_NORMAL_EXIT)) {
+        CoreAffinityMgr::Instance().RecycleThreadCoreInfo(info.pid, info.appName);
+    }
     (void)ReportAppState({state}, ZUL_MGR_NAME);
 }
 

@@ -1,6 +1,7 @@
 #ifndef STAVIK_CORE_BOOT_CONTEXT_H
 #define STAVIK_CORE_BOOT_CONTEXT_H
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -36,6 +37,8 @@ public:
 
     int32_t selfPid_ = -1;
     bool isQuickStart_ = false;
+    // Delayed core binding: 0 idle, 1 checking, 2 finished.
+    std::atomic<uint32_t> coreAffinityState_{0};
     int childMsgPipe_[2] = {-1, -1};
     // Features of the enable table named on the command line, each with 1 once
     // a manifest entry claimed it. Only the command-line reader adds entries.

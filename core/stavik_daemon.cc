@@ -14,6 +14,7 @@
 #include "core/sk_log.h"
 #include "core/sleep.h"
 #include "core/sys_root.h"
+#include "resource/core_affinity_mgr.h"
 
 namespace Stavik {
 
@@ -48,6 +49,9 @@ bool StavikDaemon::Init()
 {
     BootContext::Instance().Init();
     App::InquireHomeEnvVariable(PASSWD_FILE, DEFAULT_USER_KEY);
+    if (!BootContext::Instance().isQuickStart_) {
+        CoreAffinityMgr::Instance().LoadCpuSets();
+    }
     SK_LOG(LOG_INFO, "%s, init success", BootStrace(SK_TAG).c_str());
     return true;
 }
@@ -105,6 +109,7 @@ void StavikDaemon::WaitContinueSignal()
 
 void StavikDaemon::ContinueStavikInit()
 {
+    SetUpResourceControl();
     Syslog(LOG_INFO, "%s, ContinueStavikInit success", BootStrace(SK_TAG).c_str());
 }
 

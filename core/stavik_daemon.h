@@ -40,6 +40,11 @@ public:
     void Join();
     void WaitContinueSignal();
     void ContinueStavikInit();
+    // Continue step: CPU lists, host cgroup settings, then the daemon's own
+    // threads and the priority applications into their cgroups and cores.
+    void SetUpResourceControl();
+    void MoveStavikTidsToCgroup();
+    void MovePriorityAppsToCgroup();
     static void ContinueSignalHandler(int signal);
 
     // Thread bodies.

@@ -2,6 +2,7 @@
 #include "channel/name_tables.h"
 #include "core/log.h"
 #include "core/stavik_daemon.h"
+#include "resource/core_affinity_mgr.h"
 
 namespace Stavik {
 
@@ -16,6 +17,7 @@ void StavikDaemon::CheckBaseApps()
             app.state_ = app.CheckState();
         }
         if (app.reportState_ == TERMINATED_NORMAL_EXIT) {
+            CoreAffinityMgr::Instance().RecycleThreadCoreInfo(static_cast<uint32_t>(app.pid_), app.appName_);
             ReportBaseAppState(app, TERMINATED_NORMAL_EXIT, REASON_NONE);
         } else if (app.reportState_ == TERMINATED_ABNORMAL_EXIT) {
             HandleBaseAppAbnormalEnd(app);
@@ -29,6 +31,7 @@ void StavikDaemon::HandleBaseAppAbnormalEnd(App::BaseAppInfo& app)
 {
     Syslog(LOG_WARNING, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s unexpectedly terminated.",
            app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+    CoreAffinityMgr::Instance().RecycleThreadCoreInfo(static_cast<uint32_t>(app.pid_), app.appName_);
     uint32_t reason = App::GetTerminatedReason(app);
     ReportBaseAppState(app, TERMINATED_ABNORMAL_EXIT, reason);
     if (app.isReporting_) {

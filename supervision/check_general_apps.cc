@@ -3,6 +3,7 @@
 #include "core/constants.h"
 #include "core/log.h"
 #include "core/stavik_daemon.h"
+#include "resource/core_affinity_mgr.h"
 
 namespace Stavik {
 
@@ -35,6 +36,9 @@ void StavikDaemon::CollectGeneralAppChanges(std::vector<Message::AppStateChange>
         change.info.reason = App::GetTerminatedReason(app);
         if (ChooseChangeOwner(app, change.owner)) {
             changes.push_back(std::move(change));
+        }
+        if (app.reportState_ == TERMINATED_NORMAL_EXIT || app.reportState_ == TERMINATED_ABNORMAL_EXIT) {
+            CoreAffinityMgr::Instance().RecycleThreadCoreInfo(static_cast<uint32_t>(app.pid_), app.appName_);
         }
     }
 }

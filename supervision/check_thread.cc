@@ -1,6 +1,7 @@
 #include "core/log.h"
 #include "core/sleep.h"
 #include "core/stavik_daemon.h"
+#include "resource/core_affinity_mgr.h"
 
 namespace Stavik {
 namespace {
@@ -22,8 +23,8 @@ void StavikDaemon::CheckThread()
     Syslog(LOG_WARNING, "STAVIK: CheckThread exit now.");
 }
 
-// The upload check and the recycling of dead threads run at the turns counted
-// here; they join with the upload server and the core affinity bookkeeping.
+// The upload check runs at the turns counted here once the upload server
+// exists; dead threads of the core bookkeeping are recycled at theirs.
 void StavikDaemon::RunCheckPasses()
 {
     CheckBaseApps();
@@ -46,6 +47,7 @@ void StavikDaemon::RunCheckPasses()
         }
         if (recycleCount == RECYCLE_TURN) {
             recycleCount = 0;
+            CoreAffinityMgr::Instance().RecycleDeadThreads();
         }
     }
 }

@@ -2,7 +2,7 @@
 // crashes as told.
 //   probe_child [--out FILE] [--out-dir DIR] [--exit CODE] [--after-ms N]
 //               [--signal SIG] [--no-core] [--die-while FILE] [--ignore-term]
-//               [--sleep-forever]
+//               [--sleep-forever] [--threads N]
 // The record holds one "key=value" line each: uid, gid, groups, nice, policy,
 // rtprio (the RLIMIT_RTPRIO soft limit), pid, ppid, boottime_ns (start, on
 // CLOCK_BOOTTIME), argv, env.NAME for every variable, and fd.N for every
@@ -11,10 +11,12 @@
 // A planned death (--exit or --signal) appends exit_boottime_ns just before it
 // happens. --die-while makes that death conditional on FILE existing at the
 // start; otherwise the child lives on. --no-core keeps a fatal signal from
-// writing a core file.
+// writing a core file. --threads starts N more threads that only wait, named
+// "probe_worker", before the record is written.
 #include <dirent.h>
 #include <grp.h>
 #include <limits.h>
+#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -42,6 +44,7 @@ struct Plan {
     int signal = 0;
     bool ignoreTerm = false;
     bool noCore = false;
+    int threads = 0;
 };
 
 Plan ReadPlan(int argc, char* argv[])
@@ -66,6 +69,8 @@ Plan ReadPlan(int argc, char* argv[])
             plan.signal = atoi(argv[++i]);
         } else if (word == "--ignore-term") {
             plan.ignoreTerm = true;
+        } else if (word == "--threads" && hasValue) {
+            plan.threads = atoi(argv[++i]);
         }
     }
     return plan;
@@ -177,6 +182,23 @@ void SleepMs(long milliseconds)
     }
 }
 
+void* WaitForever(void*)
+{
+    prctl(PR_SET_NAME, "probe_worker");
+    while (true) {
+        pause();
+    }
+    return nullptr;
+}
+
+void StartWaitingThread()
+{
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, WaitForever, nullptr) == 0) {
+        pthread_detach(thread);
+    }
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -184,6 +206,9 @@ int main(int argc, char* argv[])
     Plan plan = ReadPlan(argc, argv);
     if (plan.ignoreTerm) {
         signal(SIGTERM, SIG_IGN);
+    }
+    for (int i = 0; i < plan.threads; ++i) {
+        StartWaitingThread();
     }
     if (!plan.out.empty()) {
         WriteRecord(plan.out, argc, argv);

@@ -106,6 +106,17 @@ std::string EntryText(const AppEntry& entry)
     WriteFlag(out, "reporting", entry.reporting);
     WriteFlag(out, "dynamic_para", entry.dynamicPara);
     WriteFlag(out, "force_term", entry.forceTerm);
+    if (!entry.coreAffinity.empty()) {
+        out << "    core_affinity: [";
+        for (size_t i = 0; i < entry.coreAffinity.size(); ++i) {
+            out << (i == 0 ? "" : ", ") << entry.coreAffinity[i];
+        }
+        out << "]\n";
+    }
+    WriteText(out, "res_group", entry.resGroup);
+    WriteText(out, "cpuset", entry.cpuset);
+    WriteText(out, "blkio_group", entry.blkioGroup);
+    WriteMap(out, "cgroup_path", entry.cgroupPath);
     return out.str();
 }
 

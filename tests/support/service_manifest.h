@@ -42,6 +42,11 @@ struct AppEntry {
     bool reporting = false;
     bool dynamicPara = false;
     bool forceTerm = false;
+    std::vector<uint32_t> coreAffinity;
+    std::string resGroup;
+    std::string cpuset;
+    std::string blkioGroup;
+    std::map<std::string, std::string> cgroupPath;
 };
 
 std::string AppsText(const std::vector<AppEntry>& entries);

@@ -179,7 +179,8 @@ protected:
         return env;
     }
 
-    // The pipe text of one child, which may share a read with other children's.
+    // The last pipe text of one child, which may share a read with other
+    // children's and with the child's own earlier text.
     static std::string ChildErrInfo(const std::string& name)
     {
         std::vector<pid_t> pids = StartedPids(*daemon_, name);
@@ -190,7 +191,7 @@ protected:
         std::string found;
         WaitUntil([&] {
             for (const std::string& line : daemon_->Lines()) {
-                size_t at = LogText(line).find(head);
+                size_t at = LogText(line).rfind(head);
                 if (at != std::string::npos && PipeLineWellFormed(LogText(line))) {
                     found = LogText(line).substr(at + head.size());
                     return true;

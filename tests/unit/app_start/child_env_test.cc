@@ -68,7 +68,9 @@ protected:
         app.arguments_ = {"--out", out, "--exit", "0"};
         EXPECT_TRUE(app.StartProcess());
         EXPECT_EQ(Support::ReapChild(app.pid_), W_EXITCODE(0, 0));
-        EXPECT_EQ(pipe_.ReadAll(), "");
+        // No control CPU list is read here, so the binding is all the child tells.
+        EXPECT_EQ(pipe_.ReadAll(), "app=" + app.appName_ + ",pid=" + std::to_string(app.pid_) +
+                                       ",default ctrl cpu is null;");
         EnvMap env;
         std::map<std::string, std::string> record = Support::ReadProbeRecord(out);
         for (const auto& entry : record) {
