@@ -3,6 +3,7 @@
 #include "core/constants.h"
 #include "core/log.h"
 #include "core/stavik_daemon.h"
+#include "supervision/sensor_node_event_reporter.h"
 
 namespace Stavik {
 
@@ -35,6 +36,11 @@ void StavikDaemon::CollectGeneralAppChanges(std::vector<Message::AppStateChange>
         change.info.reason = App::GetTerminatedReason(app);
         if (ChooseChangeOwner(app, change.owner)) {
             changes.push_back(std::move(change));
+        }
+        if (app.reportState_ == TERMINATED_ABNORMAL_EXIT) {
+            ReportSensorEvent(app.appName_, app.nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_FAULT);
+        } else if (app.reportState_ < RUNNING_ABNORMAL_TERM_TIMEOUT) {
+            ReportSensorEvent(app.appName_, app.nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_WELL);
         }
     }
 }
