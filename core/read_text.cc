@@ -16,8 +16,9 @@ bool ReadText(const std::string& path, std::string& text)
     while ((count = fread(buffer, 1, sizeof(buffer), file)) > 0) {
         text.append(buffer, count);
     }
+    const bool isRead = ferror(file) == 0;
     fclose(file);
-    return true;
+    return isRead;
 }
 
 } // namespace Stavik

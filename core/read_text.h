@@ -6,7 +6,7 @@
 namespace Stavik {
 
 // Reads a whole small file (close-on-exec, as every descriptor of the
-// daemon); false when it can't be opened.
+// daemon); false when it can't be opened or read.
 bool ReadText(const std::string& path, std::string& text);
 
 } // namespace Stavik

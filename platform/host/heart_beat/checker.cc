@@ -24,6 +24,7 @@ constexpr uint64_t NS_PER_S = 1000 * NS_PER_MS;
 constexpr int IDLE_POLL_MS = 1000;
 constexpr int DATAGRAMS_PER_TURN = 256;
 constexpr size_t STRANGERS_KEPT = 1024;
+constexpr uint32_t DROP_LINES_PER_SECOND = 10;
 
 uint64_t NowNs()
 {
@@ -277,17 +278,21 @@ int Checker::PollTimeoutMs(uint64_t nowNs)
     return static_cast<int>(waitNs / NS_PER_MS) + 1;
 }
 
-// The caller holds mutex_. One line a second at most, so a flood can't fill the log.
+// The caller holds mutex_. A few lines a second at most, so a flood can't fill the log.
 void Checker::Drop(const std::string& why)
 {
     uint64_t nowNs = NowNs();
-    if (lastDropLineNs_ != 0 && nowNs - lastDropLineNs_ < NS_PER_S) {
+    if (nowNs - dropWindowNs_ >= NS_PER_S) {
+        dropWindowNs_ = nowNs;
+        dropLinesInWindow_ = 0;
+    }
+    if (dropLinesInWindow_ == DROP_LINES_PER_SECOND) {
         ++dropsUntold_;
         return;
     }
-    Stavik::Syslog(LOG_WARNING, "HeartBeat: drop %s (%llu dropped since the last line)", why.c_str(),
+    ++dropLinesInWindow_;
+    Stavik::Syslog(LOG_WARNING, "HeartBeat: drop %s (%llu dropped untold before)", why.c_str(),
                    static_cast<unsigned long long>(dropsUntold_));
-    lastDropLineNs_ = nowNs;
     dropsUntold_ = 0;
 }
 

@@ -73,7 +73,8 @@ private:
     Run run_;
     // Names whose unregistered beats were logged once already.
     std::set<std::string> strangers_;
-    uint64_t lastDropLineNs_ = 0;
+    uint64_t dropWindowNs_ = 0;
+    uint32_t dropLinesInWindow_ = 0;
     uint64_t dropsUntold_ = 0;
 };
 
