@@ -1,6 +1,7 @@
 #include "client/heart_beat_client.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -15,6 +16,8 @@
 namespace Stavik {
 namespace Client {
 namespace {
+
+const suseconds_t SEND_WAIT_US = 100000;
 
 struct BeatPlan {
     std::string name;
@@ -48,9 +51,18 @@ void SleepMs(uint32_t milliseconds)
     }
 }
 
+// The checker's queue holds few datagrams: a beat waits a while for room
+// rather than being lost when many services beat at once.
 int BeatSocket()
 {
-    static const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    static const int fd = [] {
+        int beatFd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        timeval wait {0, SEND_WAIT_US};
+        if (beatFd >= 0) {
+            setsockopt(beatFd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof(wait));
+        }
+        return beatFd;
+    }();
     return fd;
 }
 
@@ -103,7 +115,7 @@ bool SendHeartBeat(const std::string& name, uint32_t intervalMs, uint32_t count)
         return false;
     }
     memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    return sendto(BeatSocket(), datagram.data(), datagram.size(), MSG_DONTWAIT,
+    return sendto(BeatSocket(), datagram.data(), datagram.size(), 0,
                   reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
            static_cast<ssize_t>(datagram.size());
 }

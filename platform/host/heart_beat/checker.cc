@@ -226,18 +226,17 @@ void Checker::Accept(const Beat& beat, const ucred& sender, std::vector<Notice>&
         return;
     }
     Watch& watch = found->second;
-    const std::string from = " of " + beat.name + " from pid " + std::to_string(sender.pid) + " uid " +
-                             std::to_string(sender.uid) + " gid " + std::to_string(sender.gid);
+    std::string why;
     if (sender.pid != beat.pid) {
-        Drop("a beat" + from + " claiming pid " + std::to_string(beat.pid));
-        return;
+        why = " claiming pid " + std::to_string(beat.pid);
+    } else if (sender.uid != 0 && sender.gid != watch.gid) {
+        why = ": registered gid is " + std::to_string(watch.gid);
+    } else if (watch.hasBeaten && sender.uid != watch.uid) {
+        why = ": the process beats as uid " + std::to_string(watch.uid);
     }
-    if (sender.uid != 0 && sender.gid != watch.gid) {
-        Drop("a beat" + from + ": registered gid is " + std::to_string(watch.gid));
-        return;
-    }
-    if (watch.hasBeaten && sender.uid != watch.uid) {
-        Drop("a beat" + from + ": the process beats as uid " + std::to_string(watch.uid));
+    if (!why.empty()) {
+        Drop("a beat of " + beat.name + " from pid " + std::to_string(sender.pid) + " uid " +
+             std::to_string(sender.uid) + " gid " + std::to_string(sender.gid) + why);
         return;
     }
     watch.hasBeaten = true;
