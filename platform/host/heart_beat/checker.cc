@@ -107,14 +107,19 @@ void Checker::DisableAll()
     {
         std::lock_guard<std::mutex> lock(mutex_);
         watches_.clear();
+        strangers_.clear();
         thread = std::move(thread_);
         run = run_;
         run_ = Run();
+        // Set under the lock: the names of a run that a registration starts
+        // from now on are never judged by this one.
+        if (run.stop != nullptr) {
+            run.stop->store(true);
+        }
     }
     if (!thread.joinable()) {
         return;
     }
-    run.stop->store(true);
     uint64_t one = 1;
     ssize_t ignored = write(run.wake, &one, sizeof(one));
     (void)ignored;

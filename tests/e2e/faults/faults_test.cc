@@ -125,9 +125,10 @@ TEST(FaultsRun, DeathsAndSilencesOfNamedServicesRaiseAndClearTheirFaultsOnEveryD
         EXPECT_LT(secondReport, IndexOfNth(daemon, EventLine("zulmgr", device, 0), 1));
     }
 
-    // A restart registers the check again.
+    // The other named service's death raises its node too; its restart registers the check again.
     ASSERT_EQ(0, kill(std::stoi(pid), SIGKILL));
     EXPECT_TRUE(WaitForExactLine(daemon, "STAVIK : Register check for proc_launcher, when Restarting.", WAIT_MS));
+    EXPECT_TRUE(WaitUntil([&] { return CountExact(daemon, EventLine("proc_launcher", 1, 1)) == 2; }, WAIT_MS));
 
     // A service that isn't reporting beats with no check; one outside the node table makes no platform call.
     const pid_t plainPid = StartedPids(daemon, "plain_hb").at(0);

@@ -82,6 +82,7 @@ int SendAsNobody(const std::string& name)
 TEST_F(TubixDirTest, HeartBeatCheckerDropsStrangersAndCallsASilentNameLostUntilItBeatsAgain)
 {
     Stavik::LogCapture::Begin();
+    Notices().notes.clear();
     ASSERT_EQ(0, RegisterCheckHeartBeat("svc", 3, 0, Note));
     ASSERT_EQ(0, RegisterCheckHeartBeat("root_only", 9, 0, Note));
 
@@ -102,8 +103,8 @@ TEST_F(TubixDirTest, HeartBeatCheckerDropsStrangersAndCallsASilentNameLostUntilI
     ASSERT_TRUE(Stavik::Client::SendHeartBeat("svc", 50, 2));
     EXPECT_TRUE(WaitUntil([] { return Notes() == std::vector<std::string>{"svc:1"}; }));
     ASSERT_TRUE(Stavik::Client::SendHeartBeat("svc", 50, 2));
-    EXPECT_TRUE(WaitUntil([] { return Notes().size() == 2; }));
-    EXPECT_EQ(std::vector<std::string>({"svc:1", "svc:0"}), Notes());
+    EXPECT_TRUE(WaitUntil([] { return Notes().size() >= 2; }));
+    EXPECT_EQ("svc:0", Notes().at(1));
 
     EXPECT_EQ(0, UnregisterCheckHeartBeat("svc", 3));
     EXPECT_EQ(1, UnregisterCheckHeartBeat("svc", 3));
