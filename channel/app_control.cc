@@ -3,6 +3,7 @@
 #include "core/constants.h"
 #include "core/log.h"
 #include "core/stavik_daemon.h"
+#include "supervision/sensor_node_event_reporter.h"
 
 // START_APP, RESTART_APP and TERM_APP. Each entry is handled under its own hold
 // of generalAppMutex_, which covers the fork; what the asking owner must hear
@@ -85,6 +86,7 @@ void StartEntry(StavikDaemon& daemon, const AppPtr& app, const Message::StartApp
         daemon.AddAppStateChange(*app, changes, TERMINATED_ABNORMAL_EXIT, owner);
         Syslog(LOG_ERR, "STAVIK : StartApp : StartProcess failed : appName=%s, pid=%d, state=%s, %s",
                app->appName_.c_str(), app->pid_, StateWord(*app).c_str(), BootStrace(SK_TAG).c_str());
+        daemon.ReportSensorEvent(app->appName_, app->nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_FAULT);
         return;
     }
     app->state_ = STARTING;
@@ -115,6 +117,7 @@ void RestartEntry(StavikDaemon& daemon, const Message::RestartAppInfo& request, 
             daemon.AddAppStateChange(*app, changes, TERMINATED_ABNORMAL_EXIT, owner);
             Syslog(LOG_ERR, "STAVIK : RestartApp failed: StartProcess failed appName=%s, pid=%d",
                    app->appName_.c_str(), app->pid_);
+            daemon.ReportSensorEvent(app->appName_, app->nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_FAULT);
             return;
         }
         app->state_ = RESTARTING;

@@ -8,6 +8,7 @@
 #include "core/log.h"
 #include "core/sleep.h"
 #include "core/stavik_daemon.h"
+#include "supervision/sensor_node_event_reporter.h"
 
 namespace Stavik {
 namespace {
@@ -111,6 +112,7 @@ bool StavikDaemon::InitOneBaseApplication(App::BaseAppInfo app)
         std::lock_guard<std::mutex> lock(baseAppMutex_);
         if (!app.StartProcess() || app.state_ != STARTING) {
             Syslog(LOG_ERR, "Start %s failed, state:%s", app.appName_.c_str(), GetProcessStateStr(app.state_).c_str());
+            ReportSensorEvent(app.appName_, app.nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_FAULT);
             return false;
         }
         executedBaseApp_.push_back(app);
@@ -128,6 +130,8 @@ bool StavikDaemon::InitOneBaseApplication(App::BaseAppInfo app)
         Syslog(LOG_ERR, "STAVIK : procname=%s RegisterService failed", app.appName_.c_str());
         return false;
     }
+    Syslog(LOG_INFO, "Register heart beat checker for %s.", app.appName_.c_str());
+    RegisterHeartBeatCheck(app.appName_, app.gid_);
     InitBaseApp(app.appName_);
     return true;
 }

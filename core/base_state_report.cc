@@ -4,6 +4,7 @@
 #include "core/constants.h"
 #include "core/log.h"
 #include "core/stavik_daemon.h"
+#include "supervision/sensor_node_event_reporter.h"
 
 namespace Stavik {
 namespace {
@@ -61,6 +62,9 @@ void StavikDaemon::SetReportedBaseAppState(const std::string& name, ProcessState
     if (app == nullptr) {
         Syslog(LOG_ERR, "STAVIK : UpdateBaseAppState failed, not find app=%s from executedBaseApp", name.c_str());
         return;
+    }
+    if (state == RUNNING) {
+        ReportSensorEvent(name, app->nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_WELL);
     }
     {
         std::lock_guard<std::mutex> stateLock(stateMutex_);

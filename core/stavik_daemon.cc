@@ -15,6 +15,8 @@
 #include "core/sleep.h"
 #include "core/sys_root.h"
 #include "resource/core_affinity_mgr.h"
+#include "supervision/heart_beat_notify.h"
+#include "supervision/sys_check_server.h"
 
 namespace Stavik {
 
@@ -43,7 +45,10 @@ void JoinIfStarted(std::thread& thread)
 
 } // namespace
 
-StavikDaemon::StavikDaemon(std::string baseServiceCfgPath) : baseServiceCfgPath_(std::move(baseServiceCfgPath)) {}
+StavikDaemon::StavikDaemon(std::string baseServiceCfgPath) : baseServiceCfgPath_(std::move(baseServiceCfgPath))
+{
+    BindHeartBeatNotify(this, callbackGate_);
+}
 
 bool StavikDaemon::Init()
 {
@@ -65,6 +70,7 @@ void StavikDaemon::Run()
     ContinueStavikInit();
     receiveChildMsgThread_ = std::thread(&StavikDaemon::ReceiveChildProcessMsgThread, this);
     InitBaseApplication(baseServiceCfgPath_);
+    sysCheckThread_ = std::thread(SysCheck, this);
     Join();
 }
 
@@ -110,6 +116,7 @@ void StavikDaemon::WaitContinueSignal()
 void StavikDaemon::ContinueStavikInit()
 {
     SetUpResourceControl();
+    RegisterSensorNodes();
     Syslog(LOG_INFO, "%s, ContinueStavikInit success", BootStrace(SK_TAG).c_str());
 }
 
@@ -154,12 +161,13 @@ void StavikDaemon::StartWaitWakeChild()
     close(hold[0]);
 }
 
-// No owner-pipe callback may reach the members once they go: the pipes are
-// closed and the callbacks still inside are waited for. The log stays open
+// No owner-pipe or heart-beat callback may reach the members once they go:
+// the pipes are closed and the callbacks still inside are waited for. The log stays open
 // for the lines of StavikRun and main; main closes it.
 StavikDaemon::~StavikDaemon()
 {
     stateCond_.notify_all();
+    ReleaseFaultSupervision();
     isRunning_ = false;
     StartWaitWakeChild();
     BootContext::Instance().WakeChildMsgReader();

@@ -108,6 +108,15 @@ public:
     void HandlePriorityApps(App::GeneralAppInfo& app);
     void UpdateAppExecState(const Message::AppExecInfo& info);
 
+    // Fault events of the named services and heart-beat checks of the reporting ones.
+    void ReportSensorEvent(const std::string& name, uint32_t nodeType, uint32_t sensorValue, uint32_t zero,
+                           uint32_t event);
+    void RegisterSensorNodes();
+    void RegisterHeartBeatCheck(const std::string& name, uint32_t gid);
+    // The steps of a notification of the heart-beat library, on its thread.
+    uint32_t HandleHeartBeatNotify(const char* appName, size_t nameLen, int32_t pid, uint32_t status);
+    bool IsRunning() const { return isRunning_; }
+
     // Reports to owners.
     bool ReportAppState(const std::vector<Message::AppStateInfo>& apps, const std::string& owner);
     bool ReportAppDetailStatus(const Message::AppDetailStatusMap& statusMap, const std::string& owner);
@@ -146,6 +155,7 @@ private:
     void SetReportedBaseAppState(const std::string& name, ProcessState state);
     void HandleZulInit(const std::string& name);
     void HandleZulRestarting(const std::string& name);
+    void ReleaseFaultSupervision();
 
     std::thread sysCheckThread_;
     std::mutex stateMutex_;

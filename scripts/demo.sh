@@ -30,8 +30,19 @@ printf 'HOST_CPU_SWITCH=1\nHOST_CPU_SET=demo_grp:50\n' > "$root/usr/bin/qel/env.
 sed -i "s|@BIN@|$PWD/build/examples|g; s|@EXAMPLES@|$root/examples|g; s|@CPU@|$first_cpu|g" "$root"/examples/*.yaml
 chmod -R a+rX "$root"
 
+# The memory check reads the host's own NUMA node files, copied in.
+for file in /sys/devices/system/node/has_normal_memory /sys/devices/system/node/has_memory \
+            /sys/devices/system/node/node*/meminfo; do
+  if [ -r "$file" ]; then
+    mkdir -p "$root$(dirname "$file")"
+    cat "$file" > "$root$file"
+  fi
+done
+
 echo "demo: sandbox root $root; the daemon's log follows"
+echo "demo: fault nodes live in $root/hal, one file per node and device"
 export STAVIK_SYSROOT="$root" STAVIK_LOG_STDERR=1 TUBIX_DIR="$root/run/tubix"
+export HAL_DEV_NUM=2 HAL_STATE_DIR="$root/hal"
 setsid ./build/stavik-daemon "$root/examples/base_services.yaml" &
 daemon=$!
 # Who is in each tasks file, and the cores of each running demo service.
@@ -52,8 +63,26 @@ show_placement() {
     } 2>/dev/null || true
   done
 }
+# Prints every change of a fault node file, so raised and cleared faults show.
+watch_faults() {
+  declare -A seen
+  while true; do
+    for file in "$root"/hal/sensor_*; do
+      [ -f "$file" ] || continue
+      state="$(tr '\n' ' ' < "$file")"
+      if [ "${seen[$file]:-}" != "$state" ]; then
+        seen[$file]="$state"
+        echo "demo: fault node $(basename "$file"): $state"
+      fi
+    done
+    sleep 0.2
+  done
+}
+watch_faults &
+watcher=$!
 shown=""
 stop() {
+  kill "$watcher" 2>/dev/null || true
   [ -n "$shown" ] || show_placement
   shown=1
   kill -KILL -- "-$daemon" 2>/dev/null || true

@@ -2,7 +2,9 @@
 #include "channel/name_tables.h"
 #include "core/log.h"
 #include "core/stavik_daemon.h"
+#include "heart_beat.h"
 #include "resource/core_affinity_mgr.h"
+#include "supervision/sensor_node_event_reporter.h"
 
 namespace Stavik {
 
@@ -16,7 +18,9 @@ void StavikDaemon::CheckBaseApps()
             std::lock_guard<std::mutex> stateLock(stateMutex_);
             app.state_ = app.CheckState();
         }
-        if (app.reportState_ == TERMINATED_NORMAL_EXIT) {
+        if (app.reportState_ == RUNNING_NORMAL_START) {
+            ReportSensorEvent(app.appName_, app.nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_WELL);
+        } else if (app.reportState_ == TERMINATED_NORMAL_EXIT) {
             CoreAffinityMgr::Instance().RecycleThreadCoreInfo(static_cast<uint32_t>(app.pid_), app.appName_);
             ReportBaseAppState(app, TERMINATED_NORMAL_EXIT, REASON_NONE);
         } else if (app.reportState_ == TERMINATED_ABNORMAL_EXIT) {
@@ -34,9 +38,12 @@ void StavikDaemon::HandleBaseAppAbnormalEnd(App::BaseAppInfo& app)
     CoreAffinityMgr::Instance().RecycleThreadCoreInfo(static_cast<uint32_t>(app.pid_), app.appName_);
     uint32_t reason = App::GetTerminatedReason(app);
     ReportBaseAppState(app, TERMINATED_ABNORMAL_EXIT, reason);
+    ReportSensorEvent(app.appName_, app.nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_FAULT);
     if (app.isReporting_) {
         UnRegServiceCallBack(app.appName_);
     }
+    // Also for an application that never had a check.
+    UnregisterCheckHeartBeat(app.appName_.c_str(), app.appName_.size());
     if (!app.NeedRestart(reason)) {
         Syslog(LOG_INFO, "STAVIK: CheckThread : owner=%s, pid=%d, state=%s doesn't need to restart",
                app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
@@ -75,6 +82,12 @@ bool StavikDaemon::RestartBaseApp(const std::string& name)
     if (!app->StartProcess()) {
         Syslog(LOG_ERR, "STAVIK : Restarting process : %s failed ", name.c_str());
         return false;
+    }
+    if (app->isReporting_) {
+        Syslog(LOG_INFO, "STAVIK : Register check for %s, when Restarting.", name.c_str());
+        RegisterHeartBeatCheck(name, app->gid_);
+    } else {
+        ReportSensorEvent(name, app->nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_WELL);
     }
     return true;
 }

@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "core/stavik_daemon.h"
 #include "resource/core_affinity_mgr.h"
+#include "supervision/sensor_node_event_reporter.h"
 
 namespace Stavik {
 
@@ -39,6 +40,11 @@ void StavikDaemon::CollectGeneralAppChanges(std::vector<Message::AppStateChange>
         }
         if (app.reportState_ == TERMINATED_NORMAL_EXIT || app.reportState_ == TERMINATED_ABNORMAL_EXIT) {
             CoreAffinityMgr::Instance().RecycleThreadCoreInfo(static_cast<uint32_t>(app.pid_), app.appName_);
+        }
+        if (app.reportState_ == TERMINATED_ABNORMAL_EXIT) {
+            ReportSensorEvent(app.appName_, app.nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_FAULT);
+        } else if (app.reportState_ < RUNNING_ABNORMAL_TERM_TIMEOUT) {
+            ReportSensorEvent(app.appName_, app.nodeType_, SENSOR_VALUE_PROCESS, 0, SENSOR_EVENT_WELL);
         }
     }
 }

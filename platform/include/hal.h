@@ -5,9 +5,8 @@
 #include <cstdint>
 
 // The platform's hardware abstraction library: fault nodes on every device of
-// the board, and shared-memory groups. Its host implementation arrives with
-// the fault nodes and sharepool groups; nothing calls it yet. All results are
-// 0 for success.
+// the board, and shared-memory groups (whose host implementation arrives
+// with the sharepool groups). All results are 0 for success.
 
 // A fault node as it is created on one device; a fixed little-endian layout.
 struct HalSensorNodeCfg {

@@ -6,8 +6,7 @@
 
 // The platform's heart-beat library: watches named applications that beat
 // and tells the daemon, from a thread of its own, when one is lost (status 1)
-// or has recovered (status 0). Its host implementation arrives with the
-// heart-beat checks; nothing calls it yet.
+// or has recovered (status 0).
 
 // Supplied by the daemon; 1 when the status was handled, 0 otherwise.
 typedef uint32_t (*HeartBeatNotify)(const char* appName, size_t nameLen, int32_t pid, uint32_t status);

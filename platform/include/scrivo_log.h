@@ -4,9 +4,7 @@
 #include <cstdint>
 
 // The platform's log library, used by the memory check: a line of a module at
-// a level is written only when CheckLogLevel answers 1. Its host
-// implementation, writing through the daemon's log facade, arrives with the
-// memory check; nothing calls it yet.
+// a level is written only when CheckLogLevel answers 1.
 int32_t CheckLogLevel(int32_t module, int32_t level);
 void ScrivoRecord(int32_t module, int32_t level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
