@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -298,9 +299,47 @@ TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
           "<6> stavik sysOperator server FmIoctl begin to exec cmd=SET_SCHEDULER",
           "<3> stavik sysOperator server SetScheduler errno=22, thread=" + std::to_string(tid) +
               ", policy=99, priority=0"}) {
-        EXPECT_GE(daemon_->IndexOf(line), 0) << line;
+        EXPECT_NE("", daemon_->WaitForLine(line, OWNER_WAIT_MS)) << line;
     }
     EXPECT_EQ(0u, daemon_->CountLines("HAL: group name"));
+}
+
+// Standard output and exit status of the tool.
+std::pair<std::string, int> RunTool(const std::string& args, const std::string& envPrefix = "")
+{
+    FILE* out = popen((envPrefix + BuiltProgram("client/stavik-sysop") + " " + args + " 2>/dev/null").c_str(), "r");
+    std::string text;
+    char buffer[512];
+    while (out != nullptr && fgets(buffer, sizeof(buffer), out) != nullptr) {
+        text += buffer;
+    }
+    int status = out != nullptr ? pclose(out) : -1;
+    return {text, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+TEST_F(SysOperatorRun, ToolPrintsEachReplyAsOneJsonLine)
+{
+    IdleThread idle;
+    const std::string self = std::to_string(getpid());
+    const std::string tid = std::to_string(idle.Tid());
+    const std::string core = std::to_string(cpus_.back());
+    const std::vector<std::pair<std::string, std::string>> calls = {
+        {"grp-create TOOL_G --size 8", R"("name":"TOOL_G","maxMemSize":8,"result":0})"},
+        {"grp-add TOOL_G --pid " + self + " --perm alloc", R"("attr":14,"result":0})"},
+        {"grp-query members TOOL_G", R"("members":[{"pid":)" + self + R"(,"permission":14}]})"},
+        {"grp-query groups", R"("groups":["DEFAULT_MEM_GROUP","TOOL_G"]})"},
+        {"bind --pid " + self + " --tid " + tid + " --cores " + core, R"("cores":[)" + core + R"(],"result":0})"},
+        {"sched --tid " + tid + " --policy batch --prio 0", R"("policy":3,"priority":0}],"result":0})"},
+    };
+    for (const auto& call : calls) {
+        std::pair<std::string, int> run = RunTool(call.first);
+        EXPECT_EQ(0, run.second) << call.first;
+        EXPECT_NE(std::string::npos, run.first.find(call.second)) << call.first << ": " << run.first;
+        EXPECT_EQ(1, std::count(run.first.begin(), run.first.end(), '\n')) << run.first;
+    }
+    EXPECT_EQ(core, AllowedList(idle.Tid()));
+    EXPECT_EQ(SCHED_BATCH, sched_getscheduler(static_cast<pid_t>(idle.Tid())));
+    EXPECT_EQ(1, RunTool("--open-timeout-ms 100 grp-query groups", "TUBIX_DIR=/nonexistent ").second);
 }
 
 } // namespace
