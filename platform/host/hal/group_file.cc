@@ -23,20 +23,31 @@ const char MEM_SIZE_KEY[] = "max_mem_size=";
 const char MAGIC_KEY[] = "cfg_magic=";
 const char MEMBER_KEY[] = "member=";
 
-std::string StateDir()
+const char* OwnStateDir()
 {
     const char* value = getenv("HAL_STATE_DIR");
-    return (value != nullptr && value[0] != '\0') ? value : Tubix::RuntimeDir() + "/hal";
+    return (value != nullptr && value[0] != '\0') ? value : nullptr;
 }
 
-bool MakeDirs(const std::string& path)
+std::string StateDir()
 {
-    for (size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
-        if (mkdir(path.substr(0, at).c_str(), 0755) != 0 && errno != EEXIST) {
+    const char* own = OwnStateDir();
+    return own != nullptr ? own : Tubix::RuntimeDir() + "/hal";
+}
+
+// The runtime directory, when the groups live in it, is made as the IPC
+// library makes it, so that services of every user can still meet there.
+bool MakeGroupsDir(const std::string& groupsDir)
+{
+    if (OwnStateDir() == nullptr && !Tubix::MakeParentDirs(StateDir())) {
+        return false;
+    }
+    for (size_t at = groupsDir.find('/', 1); at != std::string::npos; at = groupsDir.find('/', at + 1)) {
+        if (mkdir(groupsDir.substr(0, at).c_str(), 0755) != 0 && errno != EEXIST) {
             return false;
         }
     }
-    return mkdir(path.c_str(), 0755) == 0 || errno == EEXIST;
+    return mkdir(groupsDir.c_str(), 0755) == 0 || errno == EEXIST;
 }
 
 bool ReadAll(int fd, std::string& text)
@@ -141,7 +152,7 @@ GroupState ParseGroup(const std::string& text)
 int32_t CreateGroupFile(const std::string& name, const GroupState& group)
 {
     const std::string dir = GroupsDir();
-    if (!MakeDirs(dir)) {
+    if (!MakeGroupsDir(dir)) {
         return -errno;
     }
     const std::string temp = TempPath(dir);
