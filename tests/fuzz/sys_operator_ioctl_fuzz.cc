@@ -34,29 +34,28 @@ int RemoveEntry(const char* path, const struct stat*, int, struct FTW*)
     return remove(path);
 }
 
-class Scratch {
-public:
+// Groups go to a scratch directory, removed at exit; threads named by a
+// record become one idle thread of this process.
+struct Scratch {
     Scratch()
     {
         char dir[] = "/tmp/stavik-fuzz-hal.XXXXXX";
-        dir_ = mkdtemp(dir) != nullptr ? dir : "/tmp/stavik-fuzz-hal";
-        setenv("HAL_STATE_DIR", dir_.c_str(), 1);
+        path = mkdtemp(dir) != nullptr ? dir : "/tmp/stavik-fuzz-hal";
+        setenv("HAL_STATE_DIR", path.c_str(), 1);
         std::thread([this] {
-            tid_ = static_cast<int32_t>(syscall(SYS_gettid));
+            tid = static_cast<int32_t>(syscall(SYS_gettid));
             while (true) {
                 pause();
             }
         }).detach();
-        while (tid_ == 0) {
+        while (tid == 0) {
             sched_yield();
         }
     }
-    ~Scratch() { nftw(dir_.c_str(), RemoveEntry, 8, FTW_DEPTH | FTW_PHYS); }
-    int32_t Tid() const { return tid_; }
+    ~Scratch() { nftw(path.c_str(), RemoveEntry, 8, FTW_DEPTH | FTW_PHYS); }
 
-private:
-    std::string dir_;
-    std::atomic<int32_t> tid_{0};
+    std::string path;
+    std::atomic<int32_t> tid{0};
 };
 
 Scratch& Host()
@@ -65,10 +64,9 @@ Scratch& Host()
     return scratch;
 }
 
-// Every thread the record names becomes the idle thread.
 void Confine(uint32_t cmd, std::vector<uint8_t>& record)
 {
-    const int32_t tid = Host().Tid();
+    const int32_t tid = Host().tid;
     if (cmd == SYS_OP_BIND_THREAD && record.size() == sizeof(BindThreadMsg)) {
         BindThreadMsg* msg = reinterpret_cast<BindThreadMsg*>(record.data());
         msg->tid = static_cast<uint32_t>(tid);
