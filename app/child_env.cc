@@ -1,6 +1,7 @@
 #include <cerrno>
 
 #include "app/child_setup.h"
+#include "app/child_sharepool.h"
 #include "core/constants.h"
 
 extern char** environ;
@@ -97,6 +98,7 @@ void SetAppAsanEnv(const std::map<std::string, std::string>& manifestEnv, CStrin
 void BuildGeneralAppEnv(const GeneralAppInfo& app, ChildPlan& plan)
 {
     TakeDaemonEnv(plan.env);
+    PlanSharepoolEnv(app.ownerName_, app, app.sharepoolGroups_, plan);
     // Data plane services belong to brellan; everything else is management.
     plan.env.SetEnv(ENV_PROC_PLANE, app.ownerName_ == BRELLAN_NAME ? PLANE_DATA : PLANE_MANAGE);
     plan.env.SetEnv(ENV_HOME, app.homeEnv_);
@@ -110,6 +112,7 @@ void BuildGeneralAppEnv(const GeneralAppInfo& app, ChildPlan& plan)
 void BuildBaseAppEnv(const BaseAppInfo& app, ChildPlan& plan)
 {
     TakeDaemonEnv(plan.env);
+    PlanSharepoolEnv(app.appName_, app, {}, plan);
     SetManifestEnv(app.env_, plan);
     SetHeartBeatEnv(app.heartBeatSwitch_, app.heartBeatInterval_, app.heartBeatCount_, plan.env);
     plan.env.SetEnv(ENV_HOME, app.homeEnv_);

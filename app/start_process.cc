@@ -4,6 +4,7 @@
 
 #include "app/app_info.h"
 #include "app/child_setup.h"
+#include "app/child_sharepool.h"
 #include "app/start_check.h"
 #include "app/steady_clock.h"
 #include "core/boot_strace.h"
@@ -42,6 +43,7 @@ bool GeneralAppInfo::StartProcess()
         RunChild(*this, plan);
     }
     pid_ = pid;
+    JoinSharepoolGroups(ownerName_, *this, sharepoolGroups_);
     Syslog(LOG_INFO, "%s Start generalApp success appName=%s, child_pid=%d, isDelayCoreAffinity_=%d",
            BootStrace(SK_TAG).c_str(), appName_.c_str(), pid_, isDelayCoreAffinity_);
     return true;
@@ -67,6 +69,7 @@ bool BaseAppInfo::StartProcess()
     pid_ = pid;
     Syslog(LOG_INFO, "%s Start baseApp success appName=%s, binPath=%s, pid=%d, isDelayCoreAffinity_=%d",
            BootStrace(SK_TAG).c_str(), appName_.c_str(), execPath_.c_str(), pid_, isDelayCoreAffinity_);
+    JoinSharepoolGroups(appName_, *this, {});
     state_ = STARTING;
     return true;
 }

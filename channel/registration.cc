@@ -5,6 +5,7 @@
 #include "core/constants.h"
 #include "core/log.h"
 #include "core/stavik_daemon.h"
+#include "resource/sys_operator.h"
 #include "zul.h"
 
 namespace Stavik {
@@ -13,11 +14,9 @@ namespace {
 const uint32_t SYS_SERVER_TIMEOUT_MS = 5000;
 const uint32_t SYS_SERVER_LONG_TIMEOUT_MS = 1800000;
 
-// The system operator service has no entries in this tree yet: the naming
-// service answers its ioctls as not implemented.
 const ZulServiceOps& SysServerOps()
 {
-    static const ZulServiceOps ops{};
+    static const ZulServiceOps ops{nullptr, nullptr, SysOperatorIoctl, SysOperatorOpen, SysOperatorClose, nullptr};
     return ops;
 }
 

@@ -15,6 +15,7 @@
 #include "core/sleep.h"
 #include "core/sys_root.h"
 #include "resource/core_affinity_mgr.h"
+#include "resource/sharepool.h"
 #include "supervision/heart_beat_notify.h"
 #include "supervision/sys_check_server.h"
 
@@ -53,6 +54,7 @@ StavikDaemon::StavikDaemon(std::string baseServiceCfgPath) : baseServiceCfgPath_
 bool StavikDaemon::Init()
 {
     BootContext::Instance().Init();
+    SharepoolCfg::Instance().LoadSharepool();
     App::InquireHomeEnvVariable(PASSWD_FILE, DEFAULT_USER_KEY);
     if (!BootContext::Instance().isQuickStart_) {
         CoreAffinityMgr::Instance().LoadCpuSets();

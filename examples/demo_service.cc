@@ -70,6 +70,10 @@ void Introduce()
     fprintf(stderr, "demo-service %s: pid=%d uid=%u gid=%u groups=%s nice=%d IS_RESTART=%s DEMO_ROLE=%s\n",
             name, getpid(), getuid(), getgid(), groupText.c_str(), nice(0),
             restart != nullptr ? restart : "-", role != nullptr ? role : "-");
+    const char* sharepool = getenv("SHAREPOOL_GROUP_NAME");
+    if (sharepool != nullptr) {
+        fprintf(stderr, "demo-service %s: SHAREPOOL_GROUP_NAME=%s\n", name != nullptr ? name : "?", sharepool);
+    }
 }
 
 void SleepMs(long milliseconds)

@@ -13,6 +13,8 @@ mkdir -p "$root/dev" "$root/etc" "$root/sys/fs/cgroup" "$root/run/tubix"
 chmod 1777 "$root/run/tubix"
 cp /etc/passwd "$root/etc/passwd"
 cp -r examples "$root/examples"
+mkdir -p "$root/etc/sharepool"
+cp examples/sharepool.yaml "$root/etc/sharepool/demo.yaml"
 # A cgroup v1 tree of plain files: the daemon appends ids to its tasks files.
 cpus="$(sed -n 's/^Cpus_allowed_list:[[:space:]]*//p' /proc/self/status)"
 first_cpu="${cpus%%[-,]*}"
@@ -80,10 +82,20 @@ watch_faults() {
 }
 watch_faults &
 watcher=$!
+# The sharepool groups and their members, asked through the daemon's service.
+show_groups() {
+  local group
+  echo "demo: stavik-sysop grp-query groups"
+  ./build/client/stavik-sysop grp-query groups || true
+  for group in DEFAULT_MEM_GROUP DEMO_VIDEO DEMO_AUDIO; do
+    echo "demo: stavik-sysop grp-query members $group"
+    ./build/client/stavik-sysop grp-query members "$group" || true
+  done
+}
 shown=""
 stop() {
   kill "$watcher" 2>/dev/null || true
-  [ -n "$shown" ] || show_placement
+  [ -n "$shown" ] || { show_placement; show_groups; }
   shown=1
   kill -KILL -- "-$daemon" 2>/dev/null || true
   wait "$daemon" 2>/dev/null || true

@@ -5,8 +5,7 @@
 #include <cstdint>
 
 // The platform's hardware abstraction library: fault nodes on every device of
-// the board, and shared-memory groups (whose host implementation arrives
-// with the sharepool groups). All results are 0 for success.
+// the board, and shared-memory groups. All results are 0 for success.
 
 // A fault node as it is created on one device; a fixed little-endian layout.
 struct HalSensorNodeCfg {
@@ -47,5 +46,21 @@ constexpr int32_t HAL_GRP_EXIST = 66;
 int32_t halGrpCreate(const char* name, GroupCfg cfg);
 int32_t halGrpAddProc(const char* name, int32_t pid, uint32_t permission);
 int32_t halGrpQuery(int32_t cmd, void* inBuff, uint32_t inLen, void* outBuff, uint32_t* outLen);
+
+// Query commands of halGrpQuery. GROUPS answers one HAL_GRP_NAME_SIZE record
+// per group, the name NUL-padded, in byte order of the names; MEMBERS answers
+// one HalGrpMember per process of the group named by the input, by pid. On
+// success *outLen is the length of the answer; a room too small for it gives
+// -ENOSPC with the length needed in *outLen.
+constexpr int32_t HAL_GRP_QUERY_GROUPS = 0;
+constexpr int32_t HAL_GRP_QUERY_MEMBERS = 1;
+// A group name takes fewer bytes than this, its NUL included.
+constexpr uint32_t HAL_GRP_NAME_SIZE = 32;
+
+struct HalGrpMember {
+    int32_t pid;
+    uint32_t permission;
+};
+static_assert(sizeof(HalGrpMember) == 8, "HalGrpMember layout is binding");
 
 #endif

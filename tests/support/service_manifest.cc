@@ -117,6 +117,12 @@ std::string EntryText(const AppEntry& entry)
     WriteText(out, "cpuset", entry.cpuset);
     WriteText(out, "blkio_group", entry.blkioGroup);
     WriteMap(out, "cgroup_path", entry.cgroupPath);
+    if (!entry.sharepoolGroups.empty()) {
+        out << "    sharepool_groups:\n";
+        for (const auto& group : entry.sharepoolGroups) {
+            out << "      - {group: " << group.first << ", permission: \"" << group.second << "\"}\n";
+        }
+    }
     return out.str();
 }
 

@@ -47,6 +47,8 @@ struct AppEntry {
     std::string cpuset;
     std::string blkioGroup;
     std::map<std::string, std::string> cgroupPath;
+    // Group and permission text, in order.
+    std::vector<std::pair<std::string, std::string>> sharepoolGroups;
 };
 
 std::string AppsText(const std::vector<AppEntry>& entries);

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 
+#include <chrono>
 #include <cstring>
 
 #include "core/log.h"
@@ -13,6 +14,12 @@ namespace {
 
 // u32 cmd (or i32 result), then u32 0, then the record.
 constexpr size_t IOCTL_HEADER_SIZE = 8;
+// How long a withdrawal waits for entries that run on other threads.
+constexpr auto WITHDRAW_WAIT = std::chrono::seconds(5);
+
+// The resource whose entry runs on this thread, so that an entry that
+// withdraws does not wait for itself.
+thread_local const Resource* runningHere = nullptr;
 
 std::vector<uint8_t> BareReply(int32_t result)
 {
@@ -29,30 +36,66 @@ Resource::Resource(std::string name, const ZulServiceOps& ops) : name_(std::move
 
 void Resource::Withdraw()
 {
+    std::unordered_map<int32_t, std::unique_ptr<OpenFile>> left;
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        withdrawn_ = true;
+        const uint32_t own = runningHere == this ? 1 : 0;
+        if (!idle_.wait_for(lock, WITHDRAW_WAIT, [this, own] { return runningEntries_ <= own; })) {
+            Stavik::Syslog(LOG_ERR, "ZUL: %s withdrawn while %u entries still run", name_.c_str(),
+                           runningEntries_ - own);
+        }
+        left.swap(files_);
+    }
+    for (auto& open : left) {
+        if (ops_.closeEntry != nullptr) {
+            ops_.closeEntry(&open.second->file);
+        }
+    }
+}
+
+bool Resource::EnterEntry()
+{
     std::lock_guard<std::mutex> guard(mutex_);
-    withdrawn_ = true;
+    if (withdrawn_) {
+        return false;
+    }
+    ++runningEntries_;
+    runningHere = this;
+    return true;
+}
+
+void Resource::LeaveEntry()
+{
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        --runningEntries_;
+        runningHere = nullptr;
+    }
+    idle_.notify_all();
 }
 
 void Resource::OnHello(int32_t fd, const std::string& clientName)
 {
-    {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (withdrawn_) {
-            Tubix::Engine::Instance().CloseFromCallback(fd);
-            return;
-        }
+    if (!EnterEntry()) {
+        Tubix::Engine::Instance().CloseFromCallback(fd);
+        return;
     }
     auto open = std::make_unique<OpenFile>();
     open->clientName = clientName;
     open->file = ZulFile{fd, 0, name_.c_str(), open->clientName.c_str(), nullptr};
     int32_t rc = ops_.openEntry != nullptr ? ops_.openEntry(&open->file) : 0;
     if (rc < 0) {
+        LeaveEntry();
         Stavik::Syslog(LOG_WARNING, "ZUL: %s refused the open by %s, ret=%d", name_.c_str(), clientName.c_str(), rc);
         Tubix::Engine::Instance().CloseFromCallback(fd);
         return;
     }
-    std::lock_guard<std::mutex> guard(mutex_);
-    files_[fd] = std::move(open);
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        files_[fd] = std::move(open);
+    }
+    LeaveEntry();
 }
 
 void Resource::OnRequest(int32_t fd, const TubixRequest* req)
@@ -61,35 +104,47 @@ void Resource::OnRequest(int32_t fd, const TubixRequest* req)
         // The library releases the connection after this callback, and OnClosed runs Close.
         return;
     }
+    if (!EnterEntry()) {
+        Answer(fd, req->id, BareReply(-ENODEV));
+        return;
+    }
     ZulFile* file = FindFile(fd);
     if (file == nullptr) {
+        LeaveEntry();
         Stavik::Syslog(LOG_ERR, "ZUL: %s got a request on fd=%d that it never opened", name_.c_str(), fd);
         return;
     }
     if (req->size < IOCTL_HEADER_SIZE) {
+        LeaveEntry();
         Stavik::Syslog(LOG_ERR, "ZUL: %s ioctl of %u bytes on fd=%d is shorter than its header", name_.c_str(),
                        req->size, fd);
         Answer(fd, req->id, BareReply(-EINVAL));
         return;
     }
-    Answer(fd, req->id, RunIoctl(file, *req));
+    std::vector<uint8_t> reply = RunIoctl(file, *req);
+    LeaveEntry();
+    Answer(fd, req->id, reply);
 }
 
 void Resource::OnClosed(int32_t fd)
 {
     std::unique_ptr<OpenFile> open;
     {
+        // A withdrawal has closed the opens it found, and takes no more.
         std::lock_guard<std::mutex> guard(mutex_);
         auto found = files_.find(fd);
-        if (found == files_.end()) {
+        if (withdrawn_ || found == files_.end()) {
             return;
         }
         open = std::move(found->second);
         files_.erase(found);
+        ++runningEntries_;
+        runningHere = this;
     }
     if (ops_.closeEntry != nullptr) {
         ops_.closeEntry(&open->file);
     }
+    LeaveEntry();
 }
 
 ZulFile* Resource::FindFile(int32_t fd)

@@ -1,6 +1,7 @@
 #ifndef STAVIK_PLATFORM_HOST_ZUL_RESOURCE_H
 #define STAVIK_PLATFORM_HOST_ZUL_RESOURCE_H
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -23,7 +24,9 @@ public:
     void OnHello(int32_t fd, const std::string& clientName) override;
     void OnRequest(int32_t fd, const TubixRequest* req) override;
     void OnClosed(int32_t fd) override;
-    // Refuses further opens; the connections still open are the caller's to close.
+    // Refuses further opens and ioctls, waits (bounded) for the entries
+    // running on other threads, and closes every open left. No entry of this
+    // resource starts after it returns; the connections are the caller's to close.
     void Withdraw();
 
 private:
@@ -32,6 +35,9 @@ private:
         ZulFile file;
     };
 
+    // Counts an entry while it runs; false once the resource is withdrawn.
+    bool EnterEntry();
+    void LeaveEntry();
     ZulFile* FindFile(int32_t fd);
     std::vector<uint8_t> RunIoctl(ZulFile* file, const TubixRequest& req);
     void Answer(int32_t fd, uint32_t id, const std::vector<uint8_t>& reply);
@@ -39,7 +45,9 @@ private:
     const std::string name_;
     const ZulServiceOps ops_;
     std::mutex mutex_;
+    std::condition_variable idle_;
     bool withdrawn_ = false;
+    uint32_t runningEntries_ = 0;
     std::unordered_map<int32_t, std::unique_ptr<OpenFile>> files_;
 };
 

@@ -61,7 +61,7 @@ protected:
     // Starts the record on the probe, which writes its record and exits 0,
     // and returns the environment the child saw.
     template <class Record>
-    EnvMap EnvOfChild(Record&& app)
+    EnvMap EnvOfChild(Record&& app, const std::string& envFragments = "")
     {
         std::string out = sandbox_.Path("/record" + std::to_string(++runs_));
         app.execPath_ = Support::BuiltProgram("tests/probe_child");
@@ -69,8 +69,8 @@ protected:
         EXPECT_TRUE(app.StartProcess());
         EXPECT_EQ(Support::ReapChild(app.pid_), W_EXITCODE(0, 0));
         // No control CPU list is read here, so the binding is all the child tells.
-        EXPECT_EQ(pipe_.ReadAll(), "app=" + app.appName_ + ",pid=" + std::to_string(app.pid_) +
-                                       ",default ctrl cpu is null;");
+        EXPECT_EQ(pipe_.ReadAll(), "app=" + app.appName_ + ",pid=" + std::to_string(app.pid_) + "," + envFragments +
+                                       "default ctrl cpu is null;");
         EnvMap env;
         std::map<std::string, std::string> record = Support::ReadProbeRecord(out);
         for (const auto& entry : record) {
@@ -98,10 +98,13 @@ protected:
 // through the real daemon in tests/e2e/base_start.
 TEST_F(ChildEnvTest, GeneralChildGetsPlaneHomeOwnerAndClampedHeartBeat)
 {
-    // Shell text in the environment is no reason to refuse a start.
-    EXPECT_EQ(EnvOfChild(General(Manifest(true, 50, 1, {{"A", "a && b; $(c)"}}), "brellan")),
-              Expected({{"PROC_PLANE", "PLANE_DATA"}, {"HOME", HOME}, {"A", "a && b; $(c)"}, {"OWNER_NAME", "brellan"},
-                        {"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "100"}, {"GRP_HB_COUNT", "3"}}));
+    // Shell text in the environment is no reason to refuse a start. Data-plane
+    // children take part in sharepool groups; none is declared here.
+    EXPECT_EQ(EnvOfChild(General(Manifest(true, 50, 1, {{"A", "a && b; $(c)"}}), "brellan"),
+                         "CheckSharepoolGroupCfg failed groupName=DEFAULT_MEM_GROUP is not legal;"),
+              Expected({{"SHAREGROUP_PRECONFIG", "1"}, {"SHAREPOOL_GROUP_NAME", ""}, {"PROC_PLANE", "PLANE_DATA"},
+                        {"HOME", HOME}, {"A", "a && b; $(c)"}, {"OWNER_NAME", "brellan"}, {"GRP_HB", "1"},
+                        {"GRP_HB_INTERVAL", "100"}, {"GRP_HB_COUNT", "3"}}));
     // The manifest may override HOME.
     EXPECT_EQ(EnvOfChild(General(Manifest(true, 150, 1001, {{"HOME", "/manifest"}}))),
               Expected({{"PROC_PLANE", "PLANE_MANAGE"}, {"HOME", "/manifest"}, {"OWNER_NAME", "ownerX"},

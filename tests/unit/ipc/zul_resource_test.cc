@@ -4,8 +4,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <mutex>
+#include <thread>
 
 #include "client/zul_resource_client.h"
 #include "ipc_test_env.h"
@@ -19,6 +21,10 @@ constexpr const char* RES_NAME = "/res/stavik/test_res";
 struct ResourceRecord {
     std::atomic<int> opens{0};
     std::atomic<int> closes{0};
+    // The slow command: entered, withdrawal under way, finished.
+    std::atomic<bool> slowInside{false};
+    std::atomic<bool> withdrawing{false};
+    std::atomic<bool> slowDone{false};
     std::mutex mutex;
     std::string lastClient;
 };
@@ -46,9 +52,22 @@ int32_t CloseEntry(ZulFile*)
     return 0;
 }
 
-// Adds cmd to every word of the record.
+constexpr uint32_t SLOW_CMD = 9;
+
+// Adds cmd to every word of the record. The slow command stays inside until
+// a withdrawal has begun, and a while longer, so a withdrawal that doesn't
+// wait for it returns first.
 int32_t IoctlEntry(ZulFile*, uint32_t cmd, ZulIoctlArg* arg)
 {
+    if (cmd == SLOW_CMD) {
+        Record().slowInside = true;
+        WaitUntil([] { return Record().withdrawing.load(); }, 5000);
+        auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+        while (std::chrono::steady_clock::now() < until) {
+            std::this_thread::yield();
+        }
+        Record().slowDone = true;
+    }
     uint32_t* words = static_cast<uint32_t*>(arg->data);
     for (uint64_t i = 0; i < arg->size / sizeof(uint32_t); ++i) {
         words[i] += cmd;
@@ -136,6 +155,21 @@ TEST_F(ZulResourceTest, LargeRecordsShortRequestsAndWithdrawal)
 
     Stavik::ZulResourceClient late;
     EXPECT_EQ(late.Open(RES_NAME, 100), -11);
+}
+
+TEST_F(ZulResourceTest, WithdrawalWaitsForAnIoctlInFlight)
+{
+    Stavik::ZulResourceClient client;
+    ASSERT_EQ(client.Open(RES_NAME, 5000), 0);
+    uint32_t word = 0;
+    int32_t result = 0;
+    std::thread caller([&] { client.Ioctl(SLOW_CMD, &word, sizeof(word), &result, 10000); });
+    ASSERT_TRUE(WaitUntil([] { return Record().slowInside.load(); }));
+    Record().withdrawing = true;
+    EXPECT_EQ(ZULRetrieveService(), 0);
+    EXPECT_TRUE(Record().slowDone);
+    EXPECT_EQ(Record().closes, 1);
+    caller.join();
 }
 
 TEST(ZulInitProcTest, NamesTheProcessAfterTheApplication)
