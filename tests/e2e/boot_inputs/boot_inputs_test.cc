@@ -164,10 +164,11 @@ TEST(BootInputsRun, ListedBinariesStartOnlyWithTheirDigestAndOddPathsNeverReachA
     for (const std::string name : {"bad", "blank", "semi"}) {
         EXPECT_TRUE(owner.WaitForAppState(name, TERMINATED_ABNORMAL_EXIT, OWNER_WAIT_MS, mark)) << name;
     }
-    EXPECT_EQ(1u, CountExact(daemon, "STAVIK : IntegrityProtect app=" + bins["bad"] +
-                                         " or sha256sum has been modified"));
+    EXPECT_TRUE(WaitForExactLine(daemon, "STAVIK : IntegrityProtect app=" + bins["bad"] +
+                                             " or sha256sum has been modified", OWNER_WAIT_MS));
     for (const std::string name : {"a b", "a;b"}) {
-        EXPECT_EQ(1u, CountExact(daemon, "STAVIK: IntegrityProtect appPath=" + bins[name] + " is illegal")) << name;
+        const std::string illegal = "STAVIK: IntegrityProtect appPath=" + bins[name] + " is illegal";
+        EXPECT_TRUE(WaitForExactLine(daemon, illegal, OWNER_WAIT_MS)) << name;
     }
     EXPECT_EQ(1u, CountExact(daemon, "STAVIK: hash config string=" + box.Path(CFG_DIR + "bin_hash.cfg") +
                                          " format is false"));
