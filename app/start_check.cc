@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "core/standardization_path.h"
 #include "resource/core_affinity_mgr.h"
+#include "supervision/integrity.h"
 
 namespace Stavik {
 namespace App {
@@ -72,6 +73,10 @@ bool HasExecRight(const std::string& appName, const std::string& execPath, uint3
 bool CheckBeforeStart(const AppInfo& app)
 {
     if (!CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_)) {
+        return false;
+    }
+    if (!IntegrityProtect::Instance().CheckApp(app.execPath_)) {
+        Syslog(LOG_ERR, "STAVIK : IntegrityProtect app=%s or sha256sum has been modified", app.execPath_.c_str());
         return false;
     }
     if (app.startupPriority_ != -1 && BootContext::Instance().isQuickStart_) {

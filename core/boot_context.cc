@@ -29,6 +29,9 @@ BootContext& BootContext::Instance()
 void BootContext::Init()
 {
     selfPid_ = static_cast<int32_t>(getpid());
+    UpdateSelinuxEnable();
+    ParseCmdline();
+    ParseRebootReason();
     CreateChildMsgPipe();
 }
 

@@ -19,8 +19,18 @@ class BootContext {
 public:
     static BootContext& Instance();
 
-    // Pid, then the anonymous pipe; later boot inputs join here.
+    // Pid, selinux state, kernel command line, reboot reason, then the
+    // anonymous pipe.
     void Init();
+    void UpdateSelinuxEnable();
+    // Reads the "stavik" and "yrnmode" keys of the kernel command line.
+    void ParseCmdline();
+    // A failed suspend or resume switches to the fail-safe start-up manifest,
+    // over any "boot:" choice, when that file exists.
+    void ParseRebootReason();
+    // Replaces path by the start-up manifest chosen on the command line, if any.
+    void UpdateStartupYaml(std::string& path);
+    void GetBoardInfo();
     // Waits for the anonymous pipe, then logs what is pending in it, in reads
     // of at most 899 bytes with one line each.
     void ReceiveChildProcessMsg();
@@ -36,6 +46,11 @@ public:
     void CheckEnableFeatures();
 
     int32_t selfPid_ = -1;
+    int32_t slotId_ = -1;
+    bool selinuxEnable_ = false;
+    std::string cmdlineStartupYaml_;
+    bool disableWatchDog_ = false;
+    bool yrncoreEnable_ = false;
     bool isQuickStart_ = false;
     // Delayed core binding: 0 idle, 1 checking, 2 finished.
     std::atomic<uint32_t> coreAffinityState_{0};

@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "app/home_env.h"
+#include "boot/locked_memory.h"
 #include "core/boot_context.h"
 #include "core/boot_strace.h"
 #include "core/constants.h"
@@ -18,6 +19,7 @@
 #include "resource/sharepool.h"
 #include "supervision/heart_beat_notify.h"
 #include "supervision/sys_check_server.h"
+#include "supervision/integrity.h"
 
 namespace Stavik {
 
@@ -31,6 +33,8 @@ namespace {
 
 const std::string NOTIFY_DONE_FILE = "/sys/fs/cgroup/notify_sk_done";
 const std::string PASSWD_FILE = "/etc/passwd";
+const std::string STAVIK_CFG_FILE = "/etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml";
+const std::string COMMON_ENV_FILE = "/etc/ostrel_common_env.conf";
 // The line of the default user and group, whose home children get as HOME.
 const std::string DEFAULT_USER_KEY = "1000:1000";
 const uint32_t CONTINUE_WAIT_TURNS = 2000;
@@ -53,8 +57,12 @@ StavikDaemon::StavikDaemon(std::string baseServiceCfgPath) : baseServiceCfgPath_
 
 bool StavikDaemon::Init()
 {
+    LoadStavikCfg(STAVIK_CFG_FILE, stavikCfg_);
     BootContext::Instance().Init();
     SharepoolCfg::Instance().LoadSharepool();
+    IntegrityProtect::Instance().LoadHashConfig();
+    BootContext::Instance().UpdateStartupYaml(baseServiceCfgPath_);
+    SetLockedMemoryLimit(COMMON_ENV_FILE);
     App::InquireHomeEnvVariable(PASSWD_FILE, DEFAULT_USER_KEY);
     if (!BootContext::Instance().isQuickStart_) {
         CoreAffinityMgr::Instance().LoadCpuSets();
@@ -117,6 +125,7 @@ void StavikDaemon::WaitContinueSignal()
 
 void StavikDaemon::ContinueStavikInit()
 {
+    BootContext::Instance().GetBoardInfo();
     SetUpResourceControl();
     RegisterSensorNodes();
     Syslog(LOG_INFO, "%s, ContinueStavikInit success", BootStrace(SK_TAG).c_str());

@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "boot/stavik_cfg.h"
 #include "channel/master.h"
 #include "channel/message.h"
 #include "core/callback_gate.h"
@@ -175,6 +176,7 @@ private:
     std::unordered_map<std::string, ApplicationManifest> staticManifestMap_;
     std::unordered_map<std::string, ApplicationManifest> dynamicManifestMap_;
     std::mutex manifestMutex_;
+    StavikCfg stavikCfg_;
     // Read by every loop without a lock; atomic so that the stop is seen at once.
     std::atomic<bool> isRunning_{true};
     std::thread coreAffinityThread_;

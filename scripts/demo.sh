@@ -29,6 +29,17 @@ echo "$cpus" > "$cg/cpuset/CtrlCPU/cpuset.cpus"
 echo > "$cg/cpuset/QXCPU/cpuset.cpus"
 mkdir -p "$root/usr/bin/qel"
 printf 'HOST_CPU_SWITCH=1\nHOST_CPU_SET=demo_grp:50\n' > "$root/usr/bin/qel/env.cfg"
+# Boot inputs: a kernel command line, the daemon's own file, the locked-memory
+# limit, and the demo service in the digest list, so every start of it is checked.
+mkdir -p "$root/proc" "$root/etc/qel/base-plat/stavik-daemon"
+echo "console=ttyAMA0 stavik=nowatchdog yrnmode=kernel_utils" > "$root/proc/cmdline"
+printf 'watch_dog:\n  enable: true\n  timeout: "60"\nskupload:\n  enable: false\n' \
+  > "$root/etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml"
+locked="$(ulimit -l)"
+[ "$locked" = unlimited ] || locked=$((locked * 1024))
+echo "MAX_LOCKED_MEMORY_LIMIT=$locked" > "$root/etc/ostrel_common_env.conf"
+echo "stavik-demo-service=$(sha256sum build/examples/stavik-demo-service | cut -d' ' -f1)" \
+  > "$root/etc/qel/base-plat/stavik-daemon/bin_hash.cfg"
 sed -i "s|@BIN@|$PWD/build/examples|g; s|@EXAMPLES@|$root/examples|g; s|@CPU@|$first_cpu|g" "$root"/examples/*.yaml
 chmod -R a+rX "$root"
 

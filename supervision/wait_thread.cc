@@ -7,11 +7,14 @@
 #include "core/log.h"
 #include "core/sleep.h"
 #include "core/stavik_daemon.h"
+#include "supervision/helper_children.h"
 
 namespace Stavik {
 namespace {
 
 const uint64_t CHILDLESS_SLEEP_NS = 30 * NS_PER_MS;
+// A dead helper stays until its starter collects it, which is at hand.
+const uint64_t HELPER_PAUSE_NS = NS_PER_MS;
 constexpr int32_t EXIT_CODE_MASK = 0xff;
 constexpr int EXIT_CODE_SHIFT = 8;
 constexpr int32_t SIGNAL_MASK = 0x7f;
@@ -43,13 +46,17 @@ void Reap(pid_t pid)
 // can't be reused, until its status is in its record; only then is it
 // collected. So no signal of the daemon can reach a stranger: a sender checks
 // hasExitStatus_ under the record's mutex, and until that is set the pid is
-// still the dead child's.
+// still the dead child's. The daemon's own helpers are collected by their starters.
 void StavikDaemon::WaitThread()
 {
     while (isRunning_) {
         siginfo_t info {};
         if (waitid(P_ALL, 0, &info, WEXITED | WNOWAIT) != 0 || info.si_pid < 1) {
             SleepNs(CHILDLESS_SLEEP_NS);
+            continue;
+        }
+        if (HelperChildren::Instance().Claims(info.si_pid)) {
+            SleepNs(HELPER_PAUSE_NS);
             continue;
         }
         if (info.si_pid != wakeChildPid_.load()) {

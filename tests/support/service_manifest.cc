@@ -100,6 +100,7 @@ std::string EntryText(const AppEntry& entry)
             << ", interval: " << entry.heartBeat->interval << ", count: " << entry.heartBeat->count << "}\n";
     }
     WriteText(out, "startup_entry_path", entry.startupEntryPath);
+    WriteText(out, "cfg_path", entry.cfgPath);
     WriteText(out, "vf_id_pattern", entry.vfIdPattern);
     WriteNumber(out, "startup_priority", entry.startupPriority);
     WriteNumber(out, "term_timeout_ms", entry.termTimeoutMs);

@@ -36,6 +36,7 @@ struct AppEntry {
     std::optional<HeartBeatSpec> heartBeat;
     std::map<std::string, std::string> match;
     std::string startupEntryPath;
+    std::string cfgPath;
     std::string vfIdPattern;
     std::optional<int> startupPriority;
     std::optional<uint32_t> termTimeoutMs;
