@@ -18,8 +18,8 @@
 #include "resource/core_affinity_mgr.h"
 #include "resource/sharepool.h"
 #include "supervision/heart_beat_notify.h"
-#include "supervision/sys_check_server.h"
 #include "supervision/integrity.h"
+#include "supervision/sys_check_server.h"
 
 namespace Stavik {
 

@@ -62,6 +62,17 @@ pid_t HelperChildren::StartShell(const std::string& command, int& outputFd)
     return pid;
 }
 
+int HelperChildren::RunShell(const std::string& command)
+{
+    pid_t pid = -1;
+    int result = Spawn(command, -1, pid);
+    if (result != 0) {
+        errno = result;
+        return -1;
+    }
+    return Finish(pid, UINT64_MAX);
+}
+
 // The registration happens under mutex_ together with the start.
 int HelperChildren::Spawn(const std::string& command, int outputFd, pid_t& pid)
 {
@@ -72,7 +83,8 @@ int HelperChildren::Spawn(const std::string& command, int outputFd, pid_t& pid)
     posix_spawnattr_t attributes;
     int result = EINVAL;
     if (posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
-        posix_spawn_file_actions_adddup2(&actions, outputFd, STDOUT_FILENO) == 0 && PrepareAttributes(attributes)) {
+        (outputFd < 0 || posix_spawn_file_actions_adddup2(&actions, outputFd, STDOUT_FILENO) == 0) &&
+        PrepareAttributes(attributes)) {
         char* const argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command.c_str()),
                               nullptr};
         std::lock_guard<std::mutex> lock(mutex_);
@@ -86,7 +98,7 @@ int HelperChildren::Spawn(const std::string& command, int outputFd, pid_t& pid)
     return result;
 }
 
-void HelperChildren::Finish(pid_t pid, uint64_t deadlineNs)
+int HelperChildren::Finish(pid_t pid, uint64_t deadlineNs)
 {
     bool killed = false;
     uint64_t pause = COLLECT_PAUSE_MIN_NS;
@@ -97,7 +109,7 @@ void HelperChildren::Finish(pid_t pid, uint64_t deadlineNs)
             pid_t result = waitpid(pid, &status, WNOHANG);
             if (result == pid || (result == -1 && errno != EINTR)) {
                 pids_.erase(pid);
-                return;
+                return result == pid ? status : -1;
             }
         }
         if (!killed && SteadyNowNs() >= deadlineNs) {

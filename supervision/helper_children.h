@@ -22,9 +22,13 @@ public:
     // input from /dev/null, standard output into outputFd (close-on-exec).
     // -1 with errno when it can't be started.
     pid_t StartShell(const std::string& command, int& outputFd);
-    // Collects the helper; once deadlineNs (steady clock) has passed, its whole
-    // process group is killed first.
-    void Finish(pid_t pid, uint64_t deadlineNs);
+    // Runs command through /bin/sh with the daemon's own standard output and
+    // waits for its end, as system() would, but out of the wait thread's
+    // reach. The wait status, or -1 with errno when it can't be started.
+    int RunShell(const std::string& command);
+    // Collects the helper and gives its wait status; once deadlineNs (steady
+    // clock) has passed, its whole process group is killed first.
+    int Finish(pid_t pid, uint64_t deadlineNs);
     // For the wait thread, about a dead child it found: true when the status is
     // not an application's, as the pid is a helper's, or was one and has been
     // collected meanwhile.
@@ -35,7 +39,8 @@ private:
     HelperChildren(const HelperChildren&) = delete;
     HelperChildren& operator=(const HelperChildren&) = delete;
 
-    // posix_spawn's result; the child writes its standard output to outputFd.
+    // posix_spawn's result; the child writes its standard output to outputFd,
+    // or to the daemon's own when it is negative.
     int Spawn(const std::string& command, int outputFd, pid_t& pid);
 
     // Taken around the start and the collection of a helper, so that the wait

@@ -1,13 +1,13 @@
 #include "supervision/sys_check_server.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
 #include "app/steady_clock.h"
 #include "core/read_text.h"
 #include "core/sys_root.h"
+#include "supervision/helper_children.h"
 #include "supervision/sys_check_log.h"
 
 namespace Stavik {
@@ -88,14 +88,15 @@ void SysCheckServer::CheckMemory()
     }
 }
 
-// The thread waits for the script; a failed run disarms it all the same.
+// The thread waits for the script; a failed run disarms it all the same. The
+// script runs as a helper, so the wait thread doesn't take its status away.
 void SysCheckServer::RunScriptOnce()
 {
     if (!isScriptArmed_) {
         return;
     }
     const std::string command = SCRIPT_SHELL + SysPath(SCRIPT_PATH);
-    if (system(command.c_str()) != 0) {
+    if (HelperChildren::Instance().RunShell(command) != 0) {
         SYS_CHECK_LOG(SYS_CHECK_MODULE, SYS_CHECK_ERROR, "%s execute fail, errno=%d", command.c_str(), errno);
     }
     isScriptArmed_ = false;
