@@ -25,12 +25,11 @@ CpuSet Affinity(uint32_t tid)
 {
     cpu_set_t mask;
     CPU_ZERO(&mask);
+    sched_getaffinity(static_cast<pid_t>(tid), sizeof(mask), &mask);
     CpuSet cpus;
-    if (sched_getaffinity(static_cast<pid_t>(tid), sizeof(mask), &mask) == 0) {
-        for (uint32_t cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-            if (CPU_ISSET(cpu, &mask)) {
-                cpus.insert(cpu);
-            }
+    for (uint32_t cpu = 0; cpu < 2; ++cpu) {
+        if (CPU_ISSET(cpu, &mask)) {
+            cpus.insert(cpu);
         }
     }
     return cpus;
@@ -53,16 +52,19 @@ std::set<uint32_t> Tids(pid_t pid)
     return tids;
 }
 
-// Every thread of the process on exactly these cpus.
-bool AllOn(pid_t pid, const CpuSet& cpus)
+// For each process the cpus all its threads are on; none when they differ.
+std::vector<CpuSet> On(const std::vector<pid_t>& pids)
 {
-    std::set<uint32_t> tids = Tids(pid);
-    for (uint32_t tid : tids) {
-        if (Affinity(tid) != cpus) {
-            return false;
+    std::vector<CpuSet> found;
+    for (pid_t pid : pids) {
+        std::set<uint32_t> tids = Tids(pid);
+        CpuSet first = tids.empty() ? CpuSet{} : Affinity(*tids.begin());
+        for (uint32_t tid : tids) {
+            first = Affinity(tid) == first ? first : CpuSet{};
         }
+        found.push_back(first);
     }
-    return !tids.empty();
+    return found;
 }
 
 void Scramble(const std::vector<pid_t>& pids)
@@ -77,40 +79,34 @@ void Scramble(const std::vector<pid_t>& pids)
 int ToChild[2];
 int FromChild[2];
 
-void* Waiting(void*)
+void* Waiting(void* report)
 {
     uint32_t tid = static_cast<uint32_t>(syscall(SYS_gettid));
-    (void)write(FromChild[1], &tid, sizeof(tid));
+    if (report != nullptr && write(FromChild[1], &tid, sizeof(tid)) < 0) {
+        _exit(1);
+    }
     while (true) {
         pause();
     }
     return nullptr;
 }
 
-// A process that starts one more thread, unbound, for each byte it reads,
-// and writes that thread's id back.
-pid_t ThreadMaker()
+// A process with `threads` more threads which, asked to, starts one more,
+// unbound, for each byte it reads, and writes that thread's id back.
+pid_t Spawn(int threads, bool onDemand = false)
 {
     pid_t pid = fork();
+    pthread_t thread;
     if (pid == 0) {
-        char byte = 0;
-        while (read(ToChild[0], &byte, 1) == 1) {
-            SetAffinity(0, BOTH);
-            pthread_t thread;
+        for (int i = 0; i < threads; ++i) {
             pthread_create(&thread, nullptr, Waiting, nullptr);
         }
-        _exit(0);
-    }
-    return pid;
-}
-
-pid_t Probe(const std::string& threads)
-{
-    const std::string probe = ::Stavik::Test::BuiltProgram("tests/probe_child");
-    pid_t pid = fork();
-    if (pid == 0) {
-        execl(probe.c_str(), probe.c_str(), "--threads", threads.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
+        char byte = 0;
+        while (onDemand && read(ToChild[0], &byte, 1) == 1) {
+            SetAffinity(0, BOTH);
+            pthread_create(&thread, nullptr, Waiting, &byte);
+        }
+        Waiting(nullptr);
     }
     return pid;
 }
@@ -134,24 +130,17 @@ TEST_F(DaemonSteps, DelayedBindingCheckStopAndWakeUp)
     CoreAffinityMgr::Instance().LoadCpuSets();
     ASSERT_EQ(0, pipe(ToChild));
     ASSERT_EQ(0, pipe(FromChild));
-    const pid_t maker = ThreadMaker();
-    const pid_t base = Probe("2");
-    const pid_t plain = Probe("1");
-    const pid_t upload = Probe("1");
+    const pid_t maker = Spawn(0, true), base = Spawn(2), plain = Spawn(1), upload = Spawn(1);
     ASSERT_TRUE(::Stavik::Test::WaitUntil([&] { return Tids(base).size() == 3 && Tids(plain).size() == 2; }));
     std::shared_ptr<App::GeneralAppInfo> delayed = AddGeneral("delayed", "owner", maker, RUNNING);
-    delayed->isDelayCoreAffinity_ = true;
-    delayed->coreAffinity_ = {1};
-    AddGeneral("plain", "owner", plain, RUNNING);
     App::BaseAppInfo baseApp = Base(Data("base"), base, RUNNING);
-    baseApp.isDelayCoreAffinity_ = true;
-    baseApp.coreAffinity_ = {1};
+    delayed->isDelayCoreAffinity_ = baseApp.isDelayCoreAffinity_ = true;
+    delayed->coreAffinity_ = baseApp.coreAffinity_ = {1};
     AddBase(baseApp);
-    {
-        std::lock_guard<std::mutex> lock(skUploadAppMutex_);
-        skUploadAppMap_[upload] = SkUploadAppInfo{"up", -1, 0};
-    }
-    Scramble({maker, base, plain, upload});
+    AddGeneral("plain", "owner", plain, RUNNING);
+    skUploadAppMap_[upload] = SkUploadAppInfo{"up", -1, 0};
+    const std::vector<pid_t> all = {maker, base, plain, upload};
+    Scramble(all);
     std::atomic<uint32_t>& state = BootContext::Instance().coreAffinityState_;
     StavikDaemon& daemon = *daemon_;
     daemon.StartCoreAffinityCheck();
@@ -162,9 +151,7 @@ TEST_F(DaemonSteps, DelayedBindingCheckStopAndWakeUp)
     // Bind now; the check catches a thread made after its first scan, and the
     // first scan that finds nothing new ends it (no limit of scans).
     EXPECT_EQ(0u, Request(daemon, 0, -1, 0, 2000));
-    EXPECT_TRUE(AllOn(maker, DELAYED));
-    EXPECT_TRUE(AllOn(base, DELAYED));
-    EXPECT_TRUE(AllOn(plain, BOTH));
+    EXPECT_EQ((std::vector<CpuSet>{DELAYED, DELAYED, BOTH}), On({maker, base, plain}));
     ASSERT_TRUE(::Stavik::Test::WaitUntil([&] {
         std::lock_guard<std::mutex> lock(generalAppMutex_);
         return !delayed->boundTids_.empty();
@@ -188,8 +175,7 @@ TEST_F(DaemonSteps, DelayedBindingCheckStopAndWakeUp)
     ASSERT_TRUE(WaitLine("CheckCoreAffinityThread wakeup,checkInterval=1000,checkNum=3,isWakeUpEnable=0"));
     auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(0u, Request(daemon, 1, 0, 0, 0));
-    auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - before);
-    EXPECT_LT(took.count(), 900);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(900));
     EXPECT_EQ(0u, state.load());
     EXPECT_TRUE(LogCapture::Contains("CheckCoreAffinityThread interrupt"));
     EXPECT_TRUE(LogCapture::Contains("SetDelayCoreAffinity : finish interrupting check task"));
@@ -206,31 +192,22 @@ TEST_F(DaemonSteps, DelayedBindingCheckStopAndWakeUp)
     // Wake-up with the flag: delayed applications back on the control cpus,
     // waiting for a new request.
     BootContext::Instance().suspendCheck_ = 1;
-    Scramble({maker, base, plain, upload});
+    Scramble(all);
     EXPECT_TRUE(daemon.WakeUpRecover());
     EXPECT_EQ(0u, state.load());
     EXPECT_EQ(0, BootContext::Instance().suspendCheck_.load());
-    for (pid_t pid : {maker, base, plain, upload}) {
-        EXPECT_TRUE(AllOn(pid, CTRL)) << pid;
-    }
+    EXPECT_EQ((std::vector<CpuSet>{CTRL, CTRL, CTRL, CTRL}), On(all));
 
     // Without it every application gets its own binding back.
     EXPECT_EQ(0u, Request(daemon, 0, 0, 0, 100));
     ASSERT_TRUE(WaitLine("finish check 0 times,check interval 100 ms", 1));
-    Scramble({maker, base, plain, upload});
+    Scramble(all);
     EXPECT_TRUE(daemon.WakeUpRecover());
     EXPECT_EQ(2u, state.load());
-    EXPECT_TRUE(AllOn(maker, DELAYED));
-    EXPECT_TRUE(AllOn(base, DELAYED));
-    EXPECT_TRUE(AllOn(plain, CTRL));
-    EXPECT_TRUE(AllOn(upload, CTRL));
+    EXPECT_EQ((std::vector<CpuSet>{DELAYED, DELAYED, CTRL, CTRL}), On(all));
 
-    {
-        std::lock_guard<std::mutex> lock(skUploadAppMutex_);
-        skUploadAppMap_.clear();
-    }
-    close(ToChild[1]);
-    for (pid_t pid : {maker, base, plain, upload}) {
+    skUploadAppMap_.clear();
+    for (pid_t pid : all) {
         KillAndReap(pid);
     }
 }
