@@ -86,7 +86,8 @@ void PackResponseToSkupload(bool ok, bool isWhiteListed, const std::vector<std::
         AddField(out, names[i]);
     }
     AddField(out, std::to_string(names.size() - received - sent));
-    Stavik::Syslog(LOG_INFO, "PackResponseToSkupload size=%lu bytes, receivedMemGroupsNum=%lu, sentMemGroups=%lu, pack info=%s",
+    Stavik::Syslog(LOG_INFO,
+                   "PackResponseToSkupload size=%lu bytes, receivedMemGroupsNum=%lu, sentMemGroups=%lu, pack info=%s",
                    out.size(), received, sent, out.c_str());
 }
 

@@ -107,10 +107,13 @@ show_groups() {
 # running, and gone once it ends.
 announce_foreign() {
   local tries=0 foreign
-  while [ ! -S "$TUBIX_DIR/STAVIK" ] && [ "$tries" -lt 100 ]; do
+  # The upload server and the naming service's endpoint, then a moment for
+  # the daemon's pipe to "zulmgr".
+  while { [ ! -S "$TUBIX_DIR/STAVIK" ] || [ ! -S "$TUBIX_DIR/zulmgr" ]; } && [ "$tries" -lt 100 ]; do
     sleep 0.1
     tries=$((tries + 1))
   done
+  sleep 1
   sleep 3 &
   foreign=$!
   echo "demo: stavik-upload --procName demo_foreign --pid $foreign --rw all --alloc DEMO_VIDEO"

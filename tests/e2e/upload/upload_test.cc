@@ -10,8 +10,8 @@
 #include <chrono>
 #include <cstring>
 #include <map>
-#include <sstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -93,7 +93,8 @@ std::string RawCall(int32_t fd, uint64_t size, const std::string& body, size_t e
 TEST(UploadRun, ForeignProcessesAreAnnouncedJoinedAndWatchedUntilTheyGo)
 {
     Sandbox box;
-    box.WriteFile("/etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml", "watch_dog:\n  enable: false\nskupload:\n  enable: true\n");
+    box.WriteFile("/etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml",
+                  "watch_dog:\n  enable: false\nskupload:\n  enable: true\n");
     // Enough names of the longest kind that they need three answers.
     std::string groupsYaml = "sharepool_groups:\n  - G_A:\n      mem_size: 8\n  - G_B:\n      mem_size: 8\n";
     std::vector<std::string> declared = {"G_A", "G_B"};
