@@ -68,6 +68,14 @@ public:
     // this is a quick start or the binding waits for the delayed flow.
     void ApplyCoreAffinity(const CoreBinding& binding, ChildText& errInfo) const;
 
+    // Delayed binding, on the daemon's side once the cores are ready: the
+    // process and every thread it has now to cores.
+    bool BindCoreForDelayApp(const std::vector<uint32_t>& cores);
+    // Binds threads not bound yet; true when there were none, that is when
+    // the check of this application is satisfied.
+    bool CheckMissingTids();
+    bool ClearAppliedTids();
+
     std::string appName_;
     int32_t pid_ = 0;
     uint32_t uid_ = 0;

@@ -54,6 +54,10 @@ public:
     bool isQuickStart_ = false;
     // Delayed core binding: 0 idle, 1 checking, 2 finished.
     std::atomic<uint32_t> coreAffinityState_{0};
+    // Set while a stop of the delayed-binding check waits for it to end.
+    std::atomic<uint8_t> interruptCheck_{0};
+    // Set, the delayed-binding check ends its pass; cleared at wake-up.
+    std::atomic<uint8_t> suspendCheck_{0};
     int childMsgPipe_[2] = {-1, -1};
     // Features of the enable table named on the command line, each with 1 once
     // a manifest entry claimed it. Only the command-line reader adds entries.

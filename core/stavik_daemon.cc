@@ -8,6 +8,7 @@
 
 #include "app/home_env.h"
 #include "boot/locked_memory.h"
+#include "channel/upload.h"
 #include "core/boot_context.h"
 #include "core/boot_strace.h"
 #include "core/constants.h"
@@ -28,6 +29,8 @@ std::mutex baseAppMutex_;
 GeneralAppMap generalAppMap_;
 std::mutex generalAppMutex_;
 std::vector<ApplicationManifest> baseManifests_;
+std::map<int32_t, SkUploadAppInfo> skUploadAppMap_;
+std::mutex skUploadAppMutex_;
 
 namespace {
 
@@ -127,6 +130,9 @@ void StavikDaemon::ContinueStavikInit()
 {
     BootContext::Instance().GetBoardInfo();
     SetUpResourceControl();
+    if (!StartUploadServer()) {
+        return;
+    }
     RegisterSensorNodes();
     Syslog(LOG_INFO, "%s, ContinueStavikInit success", BootStrace(SK_TAG).c_str());
 }
@@ -180,10 +186,12 @@ StavikDaemon::~StavikDaemon()
     stateCond_.notify_all();
     ReleaseFaultSupervision();
     isRunning_ = false;
+    WakeCoreAffinityCheck();
     StartWaitWakeChild();
     BootContext::Instance().WakeChildMsgReader();
     Join();
     master_.CloseAllPipes();
+    SkUpload::SkUploadServer::Instance().Close();
     callbackGate_->Close();
     BootContext::Instance().ClosePipes();
 }

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <memory>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -16,6 +17,8 @@
 #include "boot/stavik_cfg.h"
 #include "channel/master.h"
 #include "channel/message.h"
+#include "channel/serialization_upload.h"
+#include "resource/delay_core_affinity.h"
 #include "core/callback_gate.h"
 #include "core/app_tables.h"
 #include "core/priority_app_list.h"
@@ -87,6 +90,7 @@ public:
     // changes the owners have to hear of.
     void CollectGeneralAppChanges(std::vector<Message::AppStateChange>& changes);
     void RemoveFinishedApps();
+    void CheckSkUploadApps();
     // The caller holds baseAppMutex_.
     bool RestartBaseApp(const std::string& name);
 
@@ -129,6 +133,25 @@ public:
     void ReportRunningGeneralAppsToZul();
     void ReportAllBaseAppsToZul();
 
+    // Processes announced through the upload server.
+    // Continue step: false when the server could not be created.
+    bool StartUploadServer();
+    bool HandleLoadAppInfo(const SkUpload::LoadAppInfo& info, int32_t fd);
+    void RemoveStaleUploadApp(const SkUpload::LoadAppInfo& info);
+    bool AddUploadApp(const SkUpload::LoadAppInfo& info, int32_t fd);
+    void SetUploadAppGroups(const SkUpload::LoadAppInfo& info);
+    bool IsAppNameStarted(const std::string& name);
+
+    // Delayed core binding. Nothing in the start sequence reaches these yet:
+    // a dispatch entry is to call SetDelayCoreAffinity and WakeUpRecover and
+    // start the check thread.
+    uint32_t SetDelayCoreAffinity(DelayCoreAffinityCfg cfg);
+    void CheckCoreAffinityThread();
+    bool WakeUpRecover();
+    bool ScanDelayCoreAffinityApps(const std::function<bool(App::AppInfo&)>& fn, bool interruptible);
+    // Starts coreAffinityThread_ unless it runs.
+    void StartCoreAffinityCheck();
+
     // Priority applications and start-up configuration.
     void InitPriorityApps(const std::string& yamlPath);
     uint32_t LoadStartCfgInfo(const std::string& yamlPath, PriorityAppList& list);
@@ -157,6 +180,7 @@ private:
     void HandleZulInit(const std::string& name);
     void HandleZulRestarting(const std::string& name);
     void ReleaseFaultSupervision();
+    void WakeCoreAffinityCheck();
 
     std::thread sysCheckThread_;
     std::mutex stateMutex_;

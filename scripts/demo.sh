@@ -33,7 +33,7 @@ printf 'HOST_CPU_SWITCH=1\nHOST_CPU_SET=demo_grp:50\n' > "$root/usr/bin/qel/env.
 # limit, and the demo service in the digest list, so every start of it is checked.
 mkdir -p "$root/proc" "$root/etc/qel/base-plat/stavik-daemon"
 echo "console=ttyAMA0 stavik=nowatchdog yrnmode=kernel_utils" > "$root/proc/cmdline"
-printf 'watch_dog:\n  enable: true\n  timeout: "60"\nskupload:\n  enable: false\n' \
+printf 'watch_dog:\n  enable: true\n  timeout: "60"\nskupload:\n  enable: true\n' \
   > "$root/etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml"
 locked="$(ulimit -l)"
 [ "$locked" = unlimited ] || locked=$((locked * 1024))
@@ -103,9 +103,29 @@ show_groups() {
     ./build/client/stavik-sysop grp-query members "$group" || true
   done
 }
+# A process the daemon did not start announces itself; "zulmgr" hears it
+# running, and gone once it ends.
+announce_foreign() {
+  local tries=0 foreign
+  # The upload server and the naming service's endpoint, then a moment for
+  # the daemon's pipe to "zulmgr".
+  while { [ ! -S "$TUBIX_DIR/STAVIK" ] || [ ! -S "$TUBIX_DIR/zulmgr" ]; } && [ "$tries" -lt 100 ]; do
+    sleep 0.1
+    tries=$((tries + 1))
+  done
+  sleep 1
+  sleep 3 &
+  foreign=$!
+  echo "demo: stavik-upload --procName demo_foreign --pid $foreign --rw all --alloc DEMO_VIDEO"
+  ./build/client/stavik-upload --procName demo_foreign --pid "$foreign" --rw all --alloc DEMO_VIDEO || true
+  wait "$foreign" || true
+  echo "demo: demo_foreign (pid $foreign) has ended"
+}
+announce_foreign &
+announcer=$!
 shown=""
 stop() {
-  kill "$watcher" 2>/dev/null || true
+  kill "$watcher" "$announcer" 2>/dev/null || true
   [ -n "$shown" ] || { show_placement; show_groups; }
   shown=1
   kill -KILL -- "-$daemon" 2>/dev/null || true

@@ -23,8 +23,8 @@ void StavikDaemon::CheckThread()
     Syslog(LOG_WARNING, "STAVIK: CheckThread exit now.");
 }
 
-// The upload check runs at the turns counted here once the upload server
-// exists; dead threads of the core bookkeeping are recycled at theirs.
+// Announced processes are looked for, and dead threads of the core
+// bookkeeping recycled, at the turns counted here.
 void StavikDaemon::RunCheckPasses()
 {
     CheckBaseApps();
@@ -44,6 +44,7 @@ void StavikDaemon::RunCheckPasses()
         ++recycleCount;
         if (uploadCount == UPLOAD_CHECK_TURN) {
             uploadCount = 0;
+            CheckSkUploadApps();
         }
         if (recycleCount == RECYCLE_TURN) {
             recycleCount = 0;

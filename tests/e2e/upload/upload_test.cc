@@ -1,0 +1,197 @@
+// The upload server through the real daemon: processes started outside it are
+// announced with stavik-upload, reported to the naming service, joined to
+// groups, given every group name across several answers, and reported gone;
+// bad records get no answer at all.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app/process_state.h"
+#include "channel/serialization_upload.h"
+#include "tests/support/played_owners.h"
+#include "tests/support/service_manifest.h"
+#include "tubix.h"
+
+namespace Stavik {
+namespace Test {
+namespace {
+
+const std::string WHITE_BIN = "/opt/white/uploader";
+const uint32_t RW = 6;
+const uint32_t ALLOC = 14;
+const int GONE_BOUND_MS = 3000;
+
+// A process of the test, not of the daemon.
+pid_t Foreign()
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        execl("/bin/sleep", "sleep", "120", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    return pid;
+}
+
+// Reaped at once: a zombie still has its /proc entry.
+void End(pid_t pid)
+{
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+// Exit status and the JSON line of the tool.
+std::pair<int, nlohmann::json> Upload(const std::string& args, const std::string& envPrefix = "")
+{
+    FILE* pipe = popen((envPrefix + BuiltProgram("client/stavik-upload") + " " + args + " 2>/dev/null").c_str(), "r");
+    std::string text;
+    char buffer[4096];
+    while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
+        text += buffer;
+    }
+    int status = pipe != nullptr ? pclose(pipe) : -1;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, nlohmann::json::parse(text, nullptr, false)};
+}
+
+// pid to permission word, from the host library's file of the group.
+std::map<int32_t, uint32_t> Members(const Sandbox& box, const std::string& group)
+{
+    std::map<int32_t, uint32_t> found;
+    std::istringstream in(ReadWholeFile(box.TubixDir() + "/hal/groups/" + group));
+    int32_t pid = 0;
+    uint32_t word = 0;
+    for (std::string line; std::getline(in, line);) {
+        if (sscanf(line.c_str(), "member=%d %u", &pid, &word) == 2) {
+            found[pid] = word;
+        }
+    }
+    return found;
+}
+
+// A raw record to the upload server; the answer's text, or "timeout".
+std::string RawCall(int32_t fd, uint64_t size, const std::string& body, size_t extra = 0)
+{
+    SkUpload::SkUploadRequest record{};
+    record.size = size;
+    memcpy(record.data, body.data(), body.size());
+    std::string bytes = std::string(reinterpret_cast<const char*>(&record), sizeof(record)) + std::string(extra, 0);
+    TubixRequest req{0, bytes.data(), static_cast<uint32_t>(bytes.size())};
+    std::string buffer(8192, '\0');
+    TubixResponse resp{0, &buffer[0], static_cast<uint32_t>(buffer.size())};
+    int32_t rc = TubixTimedRPCSync(fd, &req, &resp, 1000);
+    return rc == -110 ? "timeout" : rc < 0 ? "error" : buffer.substr(0, resp.size);
+}
+
+TEST(UploadRun, ForeignProcessesAreAnnouncedJoinedAndWatchedUntilTheyGo)
+{
+    Sandbox box;
+    box.WriteFile("/etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml",
+                  "watch_dog:\n  enable: false\nskupload:\n  enable: true\n");
+    // Enough names of the longest kind that they need three answers.
+    std::string groupsYaml = "sharepool_groups:\n  - G_A:\n      mem_size: 8\n  - G_B:\n      mem_size: 8\n";
+    std::vector<std::string> declared = {"G_A", "G_B"};
+    for (int i = 0; i < 260; ++i) {
+        std::string name = "G_" + std::to_string(1000 + i) + std::string(25, 'x');
+        declared.push_back(name);
+        groupsYaml += "  - " + name + ":\n      mem_size: 1\n";
+    }
+    box.WriteFile("/etc/sharepool/a.yaml", groupsYaml + "add_all_groups_white_lists: [" + WHITE_BIN + "]\n");
+    std::string manifest =
+        box.WriteFile("/etc/base.yaml", AppsText({DummyOwner("zulmgr"), ProbeApp("base_probe", {"--sleep-forever"})}));
+    PlayedOwners owners(box, {"zulmgr"});
+    ASSERT_EQ("", owners.Error());
+    DaemonProcess daemon(box, {manifest});
+    OwnerSession& zul = owners["zulmgr"];
+    ASSERT_TRUE(ReportRunning(zul)) << daemon.Log();
+    ASSERT_NE("", daemon.WaitForLine("Start baseApp success appName=base_probe", OWNER_WAIT_MS)) << daemon.Log();
+
+    const pid_t white = Foreign(), none = Foreign(), all = Foreign(), list = Foreign(), late = Foreign();
+    auto pidArg = [](pid_t pid) { return " --pid " + std::to_string(pid); };
+
+    // The four choices of groups; every answer carries the whole list.
+    auto run = Upload("--procName up_white --binPath " + WHITE_BIN + " --rw G_A" + pidArg(white));
+    ASSERT_EQ(0, run.first) << daemon.Log();
+    EXPECT_EQ(true, run.second["whitelisted"]);
+    declared.push_back("DEFAULT_MEM_GROUP");
+    EXPECT_EQ(declared, run.second["groups"].get<std::vector<std::string>>());
+    EXPECT_GE(daemon.CountLines("PackResponseToSkupload size="), 3u);
+    EXPECT_EQ(0, Upload("--procName up_none" + pidArg(none)).first);
+    EXPECT_EQ(0, Upload("--procName up_all --rw all --alloc G_B,G_NOPE" + pidArg(all)).first);
+    EXPECT_EQ(0, Upload("--procName up_list --rw G_A --alloc DEFAULT_MEM_GROUP" + pidArg(list)).first);
+    for (const char* name : {"up_white", "up_none", "up_all", "up_list"}) {
+        EXPECT_TRUE(zul.WaitForAppState(name, RUNNING_NORMAL_START, OWNER_WAIT_MS)) << name;
+    }
+    using Joined = std::map<int32_t, uint32_t>;
+    EXPECT_EQ((Joined{{white, RW}, {all, RW}, {list, RW}}), Members(box, "G_A"));
+    EXPECT_EQ((Joined{{white, RW}, {all, ALLOC}}), Members(box, "G_B"));
+    EXPECT_EQ((Joined{{white, RW}, {all, RW}}), Members(box, declared[declared.size() - 2]));
+    EXPECT_EQ((Joined{{white, ALLOC}, {none, ALLOC}, {all, RW}, {list, ALLOC}}), Members(box, "DEFAULT_MEM_GROUP"));
+
+    // Refusals: a live upload name, and a started base application's name,
+    // which still removes the stale entry of its pid. The names still come.
+    run = Upload("--procName up_all" + pidArg(late));
+    EXPECT_EQ(1, run.first);
+    EXPECT_EQ(false, run.second["ok"]);
+    size_t mark = zul.EventCount();
+    run = Upload("--procName base_probe" + pidArg(white));
+    EXPECT_EQ(1, run.first);
+    EXPECT_EQ(declared.size(), run.second["groups"].size());
+    EXPECT_TRUE(zul.WaitForAppState("up_white", TERMINATED_NORMAL_EXIT, OWNER_WAIT_MS, mark));
+    EXPECT_GE(daemon.IndexOf("the --procName=up_all that you input is duplicate with existing skupload apps"), 0);
+    EXPECT_GE(daemon.IndexOf("the --procName=base_probe that you input is duplicate with already started"), 0);
+
+    // The same pid announced again replaces the first name.
+    mark = zul.EventCount();
+    EXPECT_EQ(0, Upload("--procName up_list2" + pidArg(list)).first);
+    EXPECT_TRUE(zul.WaitForAppState("up_list", TERMINATED_NORMAL_EXIT, OWNER_WAIT_MS, mark));
+    EXPECT_TRUE(zul.WaitForAppState("up_list2", RUNNING_NORMAL_START, OWNER_WAIT_MS, mark));
+
+    // A process that ends is reported within the upload check's period.
+    mark = zul.EventCount();
+    auto before = std::chrono::steady_clock::now();
+    End(none);
+    ASSERT_TRUE(zul.WaitForAppState("up_none", TERMINATED_NORMAL_EXIT, OWNER_WAIT_MS, mark)) << daemon.Log();
+    auto took = std::chrono::steady_clock::now() - before;
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(took).count(), GONE_BOUND_MS);
+    EXPECT_GE(daemon.IndexOf("skupload pid=" + std::to_string(none) + ", name=up_none is not existent"), 0);
+
+    // Bad records get no answer; a good one on the same pipe still does.
+    setenv("PROC_NAME", "upload_test", 1);
+    TubixOpenParam param{};
+    param.procName = "STAVIK";
+    param.handler = [](int32_t, const TubixRequest*) {};
+    param.msgMode = 1;
+    param.timeoutMs = 2000;
+    int32_t fd = TubixOpen(&param);
+    ASSERT_GT(fd, 0);
+    const std::string raw = "raw#/bin/true#" + std::to_string(late) + "#0#0#0#1#0#";
+    EXPECT_EQ("timeout", RawCall(fd, raw.size(), raw, 16));
+    EXPECT_EQ("timeout", RawCall(fd, 3961, raw));
+    EXPECT_EQ("timeout", RawCall(fd, 30, "raw#/bin/true#1#0#1025#"));
+    SkUpload::UploadResponse answer;
+    ASSERT_TRUE(SkUpload::ReadUploadResponse(RawCall(fd, 3960, raw), answer));
+    EXPECT_TRUE(answer.ok && answer.remaining > 0);
+    TubixClosePipe(fd);
+    EXPECT_GE(daemon.IndexOf("SkHandleRequest: req size=3984 bytes, req msg size=3968 bytes"), 0);
+    EXPECT_GE(daemon.IndexOf("SkHandleRequest failed: request size=3961 bytes > 3960"), 0);
+    EXPECT_GE(daemon.IndexOf("UnPackInfoRequest: rwGroupsSize=1025 is bigger than 1024"), 0);
+    EXPECT_EQ(0u, daemon.CountLines("SkHandleRequest receive pid=1,"));
+
+    // A daemon that can't be reached is an error of its own.
+    EXPECT_EQ(2, Upload("--procName lost --timeout-ms 200", "TUBIX_DIR=/nonexistent ").first);
+    for (pid_t pid : {white, all, list, late}) {
+        End(pid);
+    }
+}
+
+} // namespace
+} // namespace Test
+} // namespace Stavik
