@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "app/home_env.h"
+#include "boot/boot_mark.h"
 #include "boot/locked_memory.h"
 #include "core/boot_context.h"
 #include "core/boot_strace.h"
@@ -125,7 +126,9 @@ void StavikDaemon::WaitContinueSignal()
 
 void StavikDaemon::ContinueStavikInit()
 {
+    BootContext::Instance().BootMark(BOOT_MARK_CONTINUE);
     BootContext::Instance().GetBoardInfo();
+    BootContext::Instance().OpenKillMgr();
     SetUpResourceControl();
     RegisterSensorNodes();
     Syslog(LOG_INFO, "%s, ContinueStavikInit success", BootStrace(SK_TAG).c_str());
@@ -186,6 +189,7 @@ StavikDaemon::~StavikDaemon()
     master_.CloseAllPipes();
     callbackGate_->Close();
     BootContext::Instance().ClosePipes();
+    BootContext::Instance().CloseKillMgr();
 }
 
 // The exception is told while the daemon still stands, with the log open.
