@@ -17,30 +17,26 @@ namespace {
 
 const std::string STAMP = R"(\[[0-9]+\.[0-9]{6}s\]\[BOOT_TRACE\]\[SK\])";
 
-// Everything written to a named pipe under the root, kept open for reading
-// before the daemon starts so that its writers never wait.
-class PipeFile {
-public:
-    PipeFile(const Sandbox& sandbox, const std::string& systemPath)
+// A named pipe under the root, open for reading before the daemon starts so
+// that its writers never wait; Text() is all written to it so far.
+struct PipeFile {
+    PipeFile(const Sandbox& sandbox, const std::string& path)
     {
-        MakeDirs(sandbox.Path(systemPath.substr(0, systemPath.rfind('/'))));
-        mkfifo(sandbox.Path(systemPath).c_str(), 0600);
-        fd_ = open(sandbox.Path(systemPath).c_str(), O_RDONLY | O_NONBLOCK);
+        MakeDirs(sandbox.Path(path.substr(0, path.rfind('/'))));
+        mkfifo(sandbox.Path(path).c_str(), 0600);
+        fd = open(sandbox.Path(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     }
-    ~PipeFile() { close(fd_); }
+    ~PipeFile() { close(fd); }
     std::string Text()
     {
         char buffer[512];
-        ssize_t length = 0;
-        while ((length = read(fd_, buffer, sizeof(buffer))) > 0) {
-            text_.append(buffer, static_cast<size_t>(length));
+        for (ssize_t length = 0; (length = read(fd, buffer, sizeof(buffer))) > 0;) {
+            text.append(buffer, static_cast<size_t>(length));
         }
-        return text_;
+        return text;
     }
-
-private:
-    int fd_ = -1;
-    std::string text_;
+    int fd = -1;
+    std::string text;
 };
 
 TEST(BootMarks, EveryStageReachesTheBootDotFileAndOnlyTheMainOnesTheConsole)
