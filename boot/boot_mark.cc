@@ -9,7 +9,7 @@
 #include "core/boot_context.h"
 #include "core/boot_strace.h"
 #include "core/constants.h"
-#include "core/log.h"
+#include "core/sk_log.h"
 #include "core/sys_root.h"
 
 namespace Stavik {
@@ -58,12 +58,13 @@ void BootContext::InitBootDot()
 }
 
 // The targets are kernel files and the console: never created here, and the
-// console never becomes the daemon's controlling terminal.
+// console never becomes the daemon's controlling terminal. The first mark
+// comes before the continue point, hence the channel-aware log.
 bool BootContext::WriteFile(const std::string& path, const std::string& text)
 {
     int fd = open(path.c_str(), O_WRONLY | O_TRUNC | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
-        Syslog(LOG_WARNING, "stavik open file=%s fail", path.c_str());
+        SK_LOG(LOG_WARNING, "stavik open file=%s fail", path.c_str());
         return false;
     }
     const std::string line = text + "\n";
