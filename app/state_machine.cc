@@ -4,6 +4,8 @@
 #include "app/exit_status.h"
 #include "app/signals.h"
 #include "app/steady_clock.h"
+#include "boot/kill_mgr.h"
+#include "core/boot_context.h"
 #include "core/constants.h"
 #include "core/log.h"
 
@@ -136,6 +138,9 @@ ProcessState CheckGeneralTerminating(GeneralAppInfo& app)
 // restart; the next step declares it RUNNING if it is still alive.
 ProcessState StartAfterOldDied(GeneralAppInfo& app)
 {
+    if (app.processType_ == KILL_MGR_PROCESS_TYPE) {
+        BootContext::Instance().ModifyKillMgrTask(app.appName_, static_cast<uint32_t>(app.pid_), KILL_MGR_TASK_END);
+    }
     app.isKillSent_ = false;
     if (!app.StartProcess()) {
         app.reportState_ = TERMINATED_ABNORMAL_EXIT;

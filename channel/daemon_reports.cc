@@ -98,6 +98,7 @@ void StavikDaemon::ReportAllGeneralAppsToZul()
     for (auto& entry : allGeneralAppMap_) {
         Message::AppStateInfo info;
         if (GetPriorityAppState(*entry.second, info)) {
+            UpdateKillMgrForApp(*entry.second, info);
             apps.push_back(info);
         }
     }

@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "app/manifest_parser.h"
+#include "boot/boot_mark.h"
 #include "channel/name_tables.h"
 #include "core/boot_context.h"
 #include "core/boot_strace.h"
@@ -45,7 +46,9 @@ void StavikDaemon::InitBaseApplication(const std::string& yamlPath)
     baseManifests_.clear();
     Syslog(LOG_INFO, "%s InitBaseApplication end", BootStrace(SK_TAG).c_str());
     SleepNs(BASE_START_PAUSE_NS);
-    EnableWatchDog(allStarted);
+    if (EnableWatchDog(allStarted)) {
+        BootContext::Instance().BootMark(BOOT_MARK_BOOT_DONE);
+    }
 }
 
 // False when a name has no manifest: the whole start ends there, with the
@@ -203,12 +206,22 @@ void StavikDaemon::InitBaseApp(const std::string& appName)
         state = LookUpReportedState(appName, reportsSeen);
     }
     if (state == RUNNING) {
+        MarkServiceRunning(appName);
         Syslog(LOG_INFO, "%s InitBaseApp:%s success, report RUNNING!", BootStrace(SK_TAG).c_str(), appName.c_str());
     } else if (state == TERMINATING) {
         Syslog(LOG_WARNING, "%s InitBaseApp:%s report TERMINATING!", BootStrace(SK_TAG).c_str(), appName.c_str());
     } else {
         Syslog(LOG_WARNING, "%s InitBaseApp:%s has been %u!", BootStrace(SK_TAG).c_str(), appName.c_str(),
                static_cast<unsigned>(TERMINATED));
+    }
+}
+
+void StavikDaemon::MarkServiceRunning(const std::string& appName)
+{
+    if (appName == ZUL_MGR_NAME) {
+        BootContext::Instance().BootMark(BOOT_MARK_ZUL_RUNNING);
+    } else if (appName == BRELLAN_NAME) {
+        BootContext::Instance().BootMark(BOOT_MARK_BRELLAN_RUNNING);
     }
 }
 

@@ -8,6 +8,8 @@
 
 namespace Stavik {
 
+struct StavikCfg;
+
 // Optional base services: a feature key of the kernel command line and the
 // file name whose presence in an entry's configuration path ties the entry to it.
 extern const std::map<std::string, std::string> ENABLE_TABLE;
@@ -45,6 +47,26 @@ public:
     // Logs each feature named on the command line that no entry claimed.
     void CheckEnableFeatures();
 
+    // The kill manager: told which applications of process type 1 live.
+    void OpenKillMgr();
+    void CloseKillMgr();
+    void ModifyKillMgrTask(const std::string& name, uint32_t pid, uint32_t code);
+    void WaitToKillMgr(uint32_t timeout);
+    void StartWaitKillMgr();
+    // Boot stages to the boot-dot files and, the important ones, the serial console.
+    void BootMark(uint32_t code);
+    void InitBootDot();
+    void SetUidAndGid(const std::string& uid, const std::string& gid);
+    void GetUidAndGid(int32_t& uid, int32_t& gid) const;
+    // One line, truncating; false with a warning when the file doesn't open.
+    bool WriteFile(const std::string& path, const std::string& text);
+
+    // The hardware watchdog: true when the module is in, or isn't wanted.
+    bool InsertWatchdogKo(const StavikCfg& cfg);
+    bool CheckWatchdogKo(const std::string& koName);
+    bool InsmodKo(const StavikCfg& cfg);
+    bool EnableFeedDog(const StavikCfg& cfg);
+
     int32_t selfPid_ = -1;
     int32_t slotId_ = -1;
     bool selinuxEnable_ = false;
@@ -62,6 +84,11 @@ public:
     // Features of the enable table named on the command line, each with 1 once
     // a manifest entry claimed it. Only the command-line reader adds entries.
     std::map<std::string, uint8_t> enableFeatures_;
+    int32_t killMgrFd_ = -1;
+    // Set before the wait for the kill manager: the ends it causes are normal ones.
+    std::atomic<uint8_t> isKillMgrWait_{0};
+    int32_t uid_ = 0;
+    int32_t gid_ = 0;
 
 private:
     BootContext() = default;

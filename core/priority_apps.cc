@@ -2,6 +2,8 @@
 #include <set>
 
 #include "app/manifest_parser.h"
+#include "boot/boot_mark.h"
+#include "core/boot_context.h"
 #include "core/boot_strace.h"
 #include "core/constants.h"
 #include "core/sk_log.h"
@@ -53,6 +55,7 @@ void StavikDaemon::InitPriorityApps(const std::string& yamlPath)
     SK_LOG(LOG_INFO, "%s InitPriorityApps load priority apps cfg finish", BootStrace(SK_TAG).c_str());
     StartPriorityApps(list);
     SK_LOG(LOG_INFO, "%s InitPriorityApps start priority apps finish", BootStrace(SK_TAG).c_str());
+    BootContext::Instance().BootMark(BOOT_MARK_PRIORITY_APPS);
 }
 
 // At boot only the manifests of priority applications become known; the rest

@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "app/home_env.h"
+#include "boot/boot_mark.h"
 #include "boot/locked_memory.h"
 #include "channel/upload.h"
 #include "core/boot_context.h"
@@ -128,7 +129,9 @@ void StavikDaemon::WaitContinueSignal()
 
 void StavikDaemon::ContinueStavikInit()
 {
+    BootContext::Instance().BootMark(BOOT_MARK_CONTINUE);
     BootContext::Instance().GetBoardInfo();
+    BootContext::Instance().OpenKillMgr();
     SetUpResourceControl();
     if (!StartUploadServer()) {
         return;
@@ -194,6 +197,7 @@ StavikDaemon::~StavikDaemon()
     SkUpload::SkUploadServer::Instance().Close();
     callbackGate_->Close();
     BootContext::Instance().ClosePipes();
+    BootContext::Instance().CloseKillMgr();
 }
 
 // The exception is told while the daemon still stands, with the log open.

@@ -68,6 +68,8 @@ public:
     // TERMINATING, or has ended.
     void InitBaseApp(const std::string& appName);
     bool EnableWatchDog(bool flag);
+    // Boot marks of the naming service and the data-plane launcher.
+    void MarkServiceRunning(const std::string& appName);
 
     // State reports of running base services.
     void UpdateBaseAppState(const std::string& name, uint32_t state);
@@ -175,6 +177,7 @@ private:
     ProcessState LookUpReportedState(const std::string& appName, uint64_t& reportsSeen);
     void HandleBaseAppAbnormalEnd(App::BaseAppInfo& app);
     bool ChooseChangeOwner(const App::GeneralAppInfo& app, std::string& owner);
+    void UpdateKillMgrForApp(const App::GeneralAppInfo& app, Message::AppStateInfo& info);
     bool IsZulServerReady();
     void SetReportedBaseAppState(const std::string& name, ProcessState state);
     void HandleZulInit(const std::string& name);

@@ -52,6 +52,20 @@ for file in /sys/devices/system/node/has_normal_memory /sys/devices/system/node/
   fi
 done
 
+# The boot-dot file and the serial console are pipes here, so that every boot
+# mark shows as it is written; opened read-write, they never block the daemon.
+watch_marks() {
+  local line
+  while read -r line; do
+    echo "demo: boot mark in $1: $line"
+  done 3<>"$root$1" <&3
+}
+mkdir -p "$root/proc/bootdot"
+mkfifo "$root/proc/bootdot/setblk" "$root/dev/ttyAMA0"
+watch_marks /proc/bootdot/setblk &
+mark_watcher=$!
+watch_marks /dev/ttyAMA0 &
+console_watcher=$!
 echo "demo: sandbox root $root; the daemon's log follows"
 echo "demo: fault nodes live in $root/hal, one file per node and device"
 export STAVIK_SYSROOT="$root" STAVIK_LOG_STDERR=1 TUBIX_DIR="$root/run/tubix"
@@ -125,7 +139,7 @@ announce_foreign &
 announcer=$!
 shown=""
 stop() {
-  kill "$watcher" "$announcer" 2>/dev/null || true
+  kill "$watcher" "$announcer" "$mark_watcher" "$console_watcher" 2>/dev/null || true
   [ -n "$shown" ] || { show_placement; show_groups; }
   shown=1
   kill -KILL -- "-$daemon" 2>/dev/null || true

@@ -1,4 +1,6 @@
 #include "app/terminated_reason.h"
+#include "boot/kill_mgr.h"
+#include "core/boot_context.h"
 #include "channel/name_tables.h"
 #include "core/constants.h"
 #include "core/log.h"
@@ -35,6 +37,7 @@ void StavikDaemon::CollectGeneralAppChanges(std::vector<Message::AppStateChange>
         change.info.gid = app.gid_;
         change.info.state = static_cast<uint32_t>(app.reportState_);
         change.info.reason = App::GetTerminatedReason(app);
+        UpdateKillMgrForApp(app, change.info);
         if (ChooseChangeOwner(app, change.owner)) {
             changes.push_back(std::move(change));
         }
@@ -63,6 +66,26 @@ bool StavikDaemon::ChooseChangeOwner(const App::GeneralAppInfo& app, std::string
     }
     owner = ZUL_MGR_NAME;
     return true;
+}
+
+// While the kill manager's wait is under way, the ends it causes are told to
+// the owners as normal ones.
+void StavikDaemon::UpdateKillMgrForApp(const App::GeneralAppInfo& app, Message::AppStateInfo& info)
+{
+    if (app.processType_ != KILL_MGR_PROCESS_TYPE) {
+        return;
+    }
+    BootContext& context = BootContext::Instance();
+    const uint32_t pid = static_cast<uint32_t>(app.pid_);
+    if (context.isKillMgrWait_.load(std::memory_order_acquire) != 0 && info.state == TERMINATED_ABNORMAL_EXIT) {
+        info.state = TERMINATED_NORMAL_EXIT;
+        info.reason = REASON_NONE;
+        context.ModifyKillMgrTask(app.appName_, pid, KILL_MGR_TASK_END);
+    } else if (info.state == TERMINATED_NORMAL_EXIT || info.state == TERMINATED_ABNORMAL_EXIT) {
+        context.ModifyKillMgrTask(app.appName_, pid, KILL_MGR_TASK_END);
+    } else if (info.state == RUNNING_NORMAL_START || info.state == RUNNING_NORMAL_RESTART) {
+        context.ModifyKillMgrTask(app.appName_, pid, KILL_MGR_TASK_START);
+    }
 }
 
 bool StavikDaemon::IsZulServerReady()

@@ -103,6 +103,7 @@ std::string EntryText(const AppEntry& entry)
     WriteText(out, "cfg_path", entry.cfgPath);
     WriteText(out, "vf_id_pattern", entry.vfIdPattern);
     WriteNumber(out, "startup_priority", entry.startupPriority);
+    WriteNumber(out, "process_type", entry.processType);
     WriteNumber(out, "term_timeout_ms", entry.termTimeoutMs);
     WriteFlag(out, "reporting", entry.reporting);
     WriteFlag(out, "dynamic_para", entry.dynamicPara);

@@ -39,6 +39,7 @@ struct AppEntry {
     std::string cfgPath;
     std::string vfIdPattern;
     std::optional<int> startupPriority;
+    std::optional<int> processType;
     std::optional<uint32_t> termTimeoutMs;
     bool reporting = false;
     bool dynamicPara = false;
