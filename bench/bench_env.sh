@@ -22,3 +22,13 @@ new_sandbox() {
   chmod 1777 "$root/run/tubix"
   echo "$root"
 }
+
+# wait_for TIMEOUT_S COMMAND...: polls until the command succeeds.
+wait_for() {
+  local deadline=$((SECONDS + $1))
+  shift
+  until "$@"; do
+    [ $SECONDS -lt $deadline ] || return 1
+    sleep 0.01
+  done
+}

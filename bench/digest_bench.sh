@@ -64,14 +64,6 @@ apps:
     startup_entry_path: "$root/etc/owner_startup.yaml"
 EOF2
 
-wait_for() {
-  local deadline=$((SECONDS + $1))
-  shift
-  until "$@"; do
-    [ $SECONDS -lt $deadline ] || return 1
-    sleep 0.01
-  done
-}
 count() { grep -c -- "$1" "$root/daemon.log" || true; }
 at_least() { [ "$(count "$1")" -ge "$2" ]; }
 booted() { grep -qs ' InitBaseApplication end' "$root/daemon.log"; }

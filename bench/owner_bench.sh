@@ -73,16 +73,6 @@ request_lists() {
   done
 }
 
-# wait_for TIMEOUT_S COMMAND...: polls until the command succeeds.
-wait_for() {
-  local deadline=$((SECONDS + $1))
-  shift
-  until "$@"; do
-    [ $SECONDS -lt $deadline ] || return 1
-    sleep 0.05
-  done
-}
-
 reported() { grep -o "\"appName\":\"bench_[0-9]*\",\"pid\":[0-9]*,\"gid\":[0-9]*,\"state\":$1," "$root/owner.jsonl" | wc -l; }
 all_reported() { [ "$(reported "$1")" -ge "$count" ]; }
 booted() { grep -qs ' InitBaseApplication end' "$root/daemon.log"; }

@@ -87,16 +87,6 @@ start_daemon() {
   daemon_pid=$!
 }
 
-# wait_for TIMEOUT_S COMMAND...: polls until the command succeeds.
-wait_for() {
-  local deadline=$((SECONDS + $1))
-  shift
-  until "$@"; do
-    [ $SECONDS -lt $deadline ] || return 1
-    sleep 0.1
-  done
-}
-
 booted() { grep -qs ' InitBaseApplication end' "$1/daemon.log"; }
 all_running() { [ "$(grep -cs 'STARTING to RUNNING' "$1/daemon.log")" -ge "$2" ]; }
 
