@@ -210,6 +210,7 @@ run_respawn() {
   t0=$(date +%s%N); c0=$(cpu_ns $pids)
   sleep "$respawn_s"
   t1=$(date +%s%N); c1=$(cpu_ns $pids)
+  r_load[$peer]=$(cut -d' ' -f1 /proc/loadavg)
   stop
   # Each death paired with the next start of the same service.
   awk '$1 == "exit" { death[FILENAME] = $3 }
@@ -235,6 +236,7 @@ run_idle() {
   t0=$(date +%s%N); c0=$(cpu_ns $pids)
   sleep "$idle_s"
   t1=$(date +%s%N); c1=$(cpu_ns $pids)
+  i_load[$peer]=$(cut -d' ' -f1 /proc/loadavg)
   i_cpu[$peer]=$(percent $((c1 - c0)) $((t1 - t0)))
   i_pss[$peer]=$(awk -v kb="$(pss_kb $pids)" 'BEGIN { printf "%.1f", kb / 1024 }')
   stop
@@ -266,7 +268,7 @@ row() {
   printf "\n"
 }
 
-declare -A r_p50 r_p99 r_max r_per_service r_cpu i_cold i_procs i_cpu i_pss
+declare -A r_p50 r_p99 r_max r_per_service r_cpu r_load i_cold i_procs i_cpu i_pss i_load
 install_peers
 for peer in "${peers[@]}"; do
   run_respawn "$peer"
@@ -289,3 +291,5 @@ row "cold start of $idle_n, s" i_cold
 row "idle CPU %" i_cpu
 row "idle PSS MB" i_pss
 row "supervisor processes" i_procs
+row "load (1 min), end of respawn" r_load
+row "load (1 min), end of idle" i_load
