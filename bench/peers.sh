@@ -158,13 +158,15 @@ supervisor_pids() {
 cpu_ns() {
   local files=() pid
   for pid in "$@"; do files+=(/proc/"$pid"/task/*/schedstat); done
-  cat "${files[@]}" 2> /dev/null | awk '{ sum += $1 } END { printf "%.0f\n", sum }'
+  # A process that has gone since the list was taken (a child between fork and exec) is skipped.
+  { cat "${files[@]}" 2> /dev/null || true; } | awk '{ sum += $1 } END { printf "%.0f\n", sum }'
 }
 
+# pss_kb PID...: the sum of their PSS.
 pss_kb() {
   local files=() pid
   for pid in "$@"; do files+=(/proc/"$pid"/smaps_rollup); done
-  cat "${files[@]}" 2> /dev/null | awk '/^Pss:/ { sum += $2 } END { printf "%.0f\n", sum }'
+  { cat "${files[@]}" 2> /dev/null || true; } | awk '/^Pss:/ { sum += $2 } END { printf "%.0f\n", sum }'
 }
 
 # reaper_done: kills the reaper's children, true once the reaper has ended.
