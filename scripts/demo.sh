@@ -5,7 +5,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/bootstrap.sh
-./scripts/build.sh
+# Only what the demo runs: the daemon, the demo service, the owner tool its
+# manifest starts, and the tools this script calls. Tests build with test.sh.
+./scripts/build.sh stavik-daemon stavik-demo-service stavik-demo-owner-link stavik-sysop stavik-upload
 
 seconds="${STAVIK_DEMO_SECONDS:-30}"
 root="$(mktemp -d /tmp/stavik-demo.XXXXXX)"

@@ -32,6 +32,29 @@ using Stavik::Client::OwnerRequest;
 using Stavik::Client::OwnerSession;
 
 constexpr int DEFAULT_WAIT_DAEMON_MS = 30000;
+// What to look at when the daemon has no pipe to this service.
+const std::string NO_PIPE_HINT =
+    "check that stavik-daemon runs with this TUBIX_DIR and that its manifest lists this --name with reporting: true";
+
+const char REQUEST_FORMS[] = R"(Requests, one JSON object each, with an example of every type:
+  start      {"type":"start","apps":[{"name":"a","argv":["-v"],"dynamic":{"0":["/bin/a"],"2":["K=V"]}}]}
+  restart    {"type":"restart","apps":[{"name":"a"}]}
+  term       {"type":"term","apps":["a","b"]}
+  state      {"type":"state","state":"RUNNING"}       (INIT, RESTARTING, RUNNING, TERMINATING)
+  exec       {"type":"exec","appName":"a","pid":1234,"gid":0,"state":"RUNNING"}
+  load       {"type":"load","path":"/etc/x/startup.yaml","match":{"board":"b1"}}
+  reload     {"type":"reload","path":"/etc/x/startup.yaml"}
+  query      {"type":"query","apps":["a","b"]}
+  raw        {"type":"raw","msgType":8,"body":"text","size":5000}
+  raw-bytes  {"type":"raw-bytes","length":100}
+  sleep      {"type":"sleep","ms":500}
+
+Example: play the naming service for 5 s, start netmgr and print what follows:
+  stavik-owner --name zulmgr --exit-after-ms 5000 \
+      --request '{"type":"state","state":"INIT"}' \
+      --request '{"type":"start","apps":[{"name":"netmgr"}]}'
+
+Events and every field: man stavik-owner, or docs/owner-tool.md.)";
 
 struct Options {
     std::string name;
@@ -124,7 +147,7 @@ public:
         OwnerRequest request;
         std::string error;
         if (!Stavik::Client::ParseOwnerRequest(text, dialect_, request, error)) {
-            Out().Error("request " + text + ": " + error);
+            Out().Error("request " + text + ": " + error + "; stavik-owner --help shows every request form");
             return;
         }
         if (request.action == OwnerRequest::Action::SLEEP) {
@@ -148,7 +171,7 @@ private:
         }
         awaited_ = true;
         if (!session_.WaitForDaemon(waitDaemonMs_)) {
-            Out().Error("the daemon opened no pipe within " + std::to_string(waitDaemonMs_) + " ms");
+            Out().Error("the daemon opened no pipe within " + std::to_string(waitDaemonMs_) + " ms; " + NO_PIPE_HINT);
         }
     }
 
@@ -157,7 +180,7 @@ private:
         bool sent = request.action == OwnerRequest::Action::SEND_BYTES ? session_.SendBytes(request.bytes)
                                                                        : session_.SendRecord(request.record);
         if (!sent) {
-            Out().Error("request " + request.json + ": " + session_.LastError());
+            Out().Error("request " + request.json + ": " + session_.LastError() + "; " + NO_PIPE_HINT);
             return;
         }
         Out().Print(json{{"event", "sent"}, {"request", json::parse(request.json)}});
@@ -167,7 +190,7 @@ private:
     {
         std::string answer;
         if (!session_.CallRecord(request.record, answer)) {
-            Out().Error("request " + request.json + ": " + session_.LastError());
+            Out().Error("request " + request.json + ": " + session_.LastError() + "; " + NO_PIPE_HINT);
             return;
         }
         Out().Print(json{{"event", "response"}, {"request", request.type}, {"text", answer}});
@@ -189,7 +212,8 @@ int Serve(const Options& options)
     OwnerSession session(options.name);
     session.SetListener([](const OwnerEvent& event) { Out().Print(Stavik::Client::OwnerEventJson(event)); });
     if (!session.Start()) {
-        Out().Error(session.LastError());
+        Out().Error(session.LastError() + "; check that TUBIX_DIR (default /run/tubix) exists and is writable, " +
+                    "and that no other process serves this --name");
         Out().Finish(1);
     }
     Out().Print(json{{"event", "listening"}, {"name", options.name}});
@@ -226,10 +250,11 @@ int main(int argc, char* argv[])
     app.add_option("--events", options.eventsPath,
                    "Write the events to this file instead of standard output (a service started by the daemon "
                    "shares the daemon's)");
+    app.footer(REQUEST_FORMS);
     CLI11_PARSE(app, argc, argv);
     if (!options.eventsPath.empty() && freopen(options.eventsPath.c_str(), "w", stdout) == nullptr) {
-        fprintf(stderr, "stavik-owner: cannot write the events to %s: %s\n", options.eventsPath.c_str(),
-                strerror(errno));
+        fprintf(stderr, "stavik-owner: cannot write the events to %s: %s; give a writable --events path\n",
+                options.eventsPath.c_str(), strerror(errno));
         return 1;
     }
 

@@ -25,6 +25,24 @@ using namespace Stavik;
 const char SYS_SERVER[] = "/res/stavik/sys_server";
 const char DEFAULT_GROUP[] = "DEFAULT_MEM_GROUP";
 
+const char BIND_EXAMPLE[] = "Example: stavik-sysop bind --pid 1301 --cores 0,1";
+const char SCHED_EXAMPLE[] =
+    "Example: stavik-sysop sched --tid 1301 --policy fifo --prio 10 --tid 1302 --policy rr --prio 5";
+const char CREATE_EXAMPLE[] = "Example: stavik-sysop grp-create VIDEO_POOL --size 4096";
+const char ADD_EXAMPLE[] = "Example: stavik-sysop grp-add VIDEO_POOL --pid 1301 --perm rw";
+const char QUERY_EXAMPLE[] = "Examples: stavik-sysop grp-query groups\n"
+                             "          stavik-sysop grp-query members VIDEO_POOL";
+const char FORMS[] = R"(Commands, one example each (COMMAND --help tells more):
+  stavik-sysop bind --pid 1301 --cores 0,1
+  stavik-sysop sched --tid 1301 --policy fifo --prio 10
+  stavik-sysop grp-create VIDEO_POOL --size 4096
+  stavik-sysop grp-add VIDEO_POOL --pid 1301 --perm rw
+  stavik-sysop grp-query groups
+  stavik-sysop grp-query members VIDEO_POOL
+
+Prints the record that came back as one JSON line. Exit status: 0 answered,
+1 service not reached. More: man stavik-sysop, or docs/sysop-tool.md.)";
+
 struct Options {
     int openTimeoutMs = 2000;
     int replyTimeoutMs = 10000;
@@ -79,7 +97,11 @@ bool Call(const Options& options, uint32_t cmd, void* record, uint32_t size, int
         rc = client.Ioctl(cmd, record, size, &ret, static_cast<uint32_t>(options.replyTimeoutMs));
     }
     if (rc != 0) {
-        fprintf(stderr, "stavik-sysop: %s not reached, ret=%d\n", SYS_SERVER, rc);
+        fprintf(stderr,
+                "stavik-sysop: %s not reached, ret=%d; check that stavik-daemon runs with this TUBIX_DIR and that "
+                "zulmgr has reported INIT (the service is published then), or raise --open-timeout-ms or "
+                "--reply-timeout-ms\n",
+                SYS_SERVER, rc);
         return false;
     }
     return true;
@@ -247,14 +269,23 @@ int main(int argc, char* argv[])
         ->check(CLI::IsMember({"groups", "members"}));
     query->add_option("name", options.group, "Group name, for members");
 
+    app.footer(FORMS);
+    bind->footer(BIND_EXAMPLE);
+    sched->footer(SCHED_EXAMPLE);
+    create->footer(CREATE_EXAMPLE);
+    add->footer(ADD_EXAMPLE);
+    query->footer(QUERY_EXAMPLE);
+
     CLI11_PARSE(app, argc, argv);
     if (sched->parsed() && (options.tids.size() != options.policies.size() ||
                             options.tids.size() != options.prios.size())) {
-        fprintf(stderr, "stavik-sysop: sched needs as many --policy and --prio as --tid\n");
+        fprintf(stderr, "stavik-sysop: sched needs as many --policy and --prio as --tid; give the three for each "
+                        "thread, e.g. --tid 1301 --policy fifo --prio 10\n");
         return 2;
     }
     if (query->parsed() && options.what == "members" && options.group.empty()) {
-        fprintf(stderr, "stavik-sysop: grp-query members needs a group name\n");
+        fprintf(stderr, "stavik-sysop: grp-query members needs a group name, e.g. grp-query members "
+                        "DEFAULT_MEM_GROUP; grp-query groups lists them\n");
         return 2;
     }
     setenv("PROC_NAME", "stavik-sysop", 0);

@@ -30,6 +30,19 @@ const int EXIT_UNREACHED = 2;
 const int STALLED_ROUNDS_MAX = 3;
 const uint32_t RESPONSE_BUFFER = 65536;
 
+const char FORMS[] = R"(Forms, one example each:
+  announce process 4711, joining every group read-write:
+    stavik-upload --procName video_tool --pid 4711 --rw all
+  announce process 4711, joining G_VIDEO read-write and G_AUDIO with allocation:
+    stavik-upload --procName video_tool --pid 4711 --rw G_VIDEO --alloc G_AUDIO
+  a wrapper script that announces itself (the tool's parent) and runs its program:
+    stavik-upload --procName video_tool && exec /usr/bin/video_tool
+
+Prints {"ok":...,"whitelisted":...,"groups":[...]}. Exit status: 0 accepted,
+1 refused, 2 daemon not reached or no full answer. The daemon serves this only
+with skupload enabled in /etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml.
+More: man stavik-upload, or docs/upload-tool.md.)";
+
 struct Options {
     std::string procName;
     int32_t pid = 0;
@@ -74,7 +87,8 @@ bool Ask(int32_t fd, const LoadAppInfo& info, int timeoutMs, UploadResponse& res
 {
     SkUpload::SkUploadRequest record;
     if (!SkUpload::PackInfoRequest(info, record)) {
-        error = "the request does not fit " + std::to_string(sizeof(record)) + " bytes";
+        error = "the request does not fit " + std::to_string(sizeof(record)) +
+                " bytes; give shorter names, or fewer groups (--rw all names every group in one word)";
         return false;
     }
     TubixRequest req{0, &record, static_cast<uint32_t>(sizeof(record))};
@@ -82,11 +96,12 @@ bool Ask(int32_t fd, const LoadAppInfo& info, int timeoutMs, UploadResponse& res
     TubixResponse resp{0, &buffer[0], RESPONSE_BUFFER};
     int32_t rc = TubixTimedRPCSync(fd, &req, &resp, static_cast<uint32_t>(timeoutMs));
     if (rc < 0) {
-        error = "no answer from the daemon (" + std::to_string(rc) + ")";
+        error = "no answer from the daemon (" + std::to_string(rc) + "); raise --timeout-ms, or look for " +
+                "\"SkHandleRequest\" lines in the daemon's log";
         return false;
     }
     if (!SkUpload::ReadUploadResponse(buffer.substr(0, resp.size), response)) {
-        error = "the daemon sent an empty or malformed answer";
+        error = "the daemon sent an empty or malformed answer; look for \"SkHandleRequest\" lines in its log";
         return false;
     }
     return true;
@@ -106,6 +121,7 @@ int main(int argc, char* argv[])
     app.add_option("--timeout-ms", options.timeoutMs, "Bound of the connection and of each answer")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
+    app.footer(FORMS);
     CLI11_PARSE(app, argc, argv);
     setenv("PROC_NAME", "stavik-upload", 0);
 
@@ -125,7 +141,9 @@ int main(int argc, char* argv[])
     param.timeoutMs = options.timeoutMs;
     int32_t fd = TubixOpen(&param);
     if (fd <= 0) {
-        return Fail("cannot reach the daemon's upload server (" + std::to_string(fd) + ")");
+        return Fail("cannot reach the daemon's upload server (" + std::to_string(fd) +
+                    "); check that stavik-daemon runs with this TUBIX_DIR and that skupload is enabled in its "
+                    "stavik_cfg.yaml");
     }
     UploadResponse first;
     std::vector<std::string> names;
@@ -145,7 +163,8 @@ int main(int argc, char* argv[])
         done = response.remaining == 0;
         if (!done && stalled >= STALLED_ROUNDS_MAX) {
             TubixClosePipe(fd);
-            return Fail("no progress: " + std::to_string(response.remaining) + " group names can't be fetched");
+            return Fail("no progress: " + std::to_string(response.remaining) +
+                        " group names can't be fetched; shorten the longest group names in /etc/sharepool");
         }
         info.isResume = true;
         info.receivedMemGroupsNum += response.names.size();
@@ -153,5 +172,10 @@ int main(int argc, char* argv[])
     TubixClosePipe(fd);
     json out{{"ok", first.ok}, {"whitelisted", first.isWhiteListed}, {"groups", names}};
     printf("%s\n", out.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
+    if (!first.ok) {
+        fprintf(stderr, "stavik-upload: refused: a live process announced as %s, or an application of that name, "
+                        "is known to the daemon; choose another --procName or end the other one first\n",
+                options.procName.c_str());
+    }
     return first.ok ? 0 : EXIT_REFUSED;
 }
