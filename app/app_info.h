@@ -76,23 +76,28 @@ public:
     bool CheckMissingTids();
     bool ClearAppliedTids();
 
-    std::string appName_;
+    // What every check pass and every reap reads of each record comes first,
+    // so that a walk over the records touches one cache line of each.
     int32_t pid_ = 0;
+    ProcessState state_ = INITSTATE;
+    ReportAppStateType reportState_ = INVALID_INTERMEDIATE_STATE;
+    int32_t exitStatus_ = 0;
+    bool hasExitStatus_ = false;
+    bool isInputOutputError_ = false;
+    bool isReporting_ = false;
+    uint64_t startTime_ = 0; // steady clock, nanoseconds
+    std::string appName_;
     uint32_t uid_ = 0;
     uint32_t gid_ = 0;
     std::vector<uint32_t> coreAffinity_;
     std::string resGroupName_;
-    ProcessState state_ = INITSTATE;
-    ReportAppStateType reportState_ = INVALID_INTERMEDIATE_STATE;
     std::string execPath_;
     std::vector<std::string> arguments_;
     std::map<std::string, std::string> env_;
     uint32_t termTimeOut_ = 0; // milliseconds
-    bool isInputOutputError_ = false;
     std::string homeEnv_;
     std::string securityCon_;
     std::string cpuset_;
-    bool isReporting_ = false;
     std::string restart_;
     std::string ownerName_;
     uint32_t nodeType_ = 0;
@@ -100,9 +105,6 @@ public:
     bool isStartedAsPriority_ = false;
     bool isDelayCoreAffinity_ = false;
     std::set<uint32_t> boundTids_;
-    bool hasExitStatus_ = false;
-    int32_t exitStatus_ = 0;
-    uint64_t startTime_ = 0; // steady clock, nanoseconds
     int32_t vfId_ = -1;
     bool isDynamicPara_ = false;
     std::string blkioGroupName_;

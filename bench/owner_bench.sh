@@ -9,7 +9,9 @@
 #          RUNNING_NORMAL_START report to the owner (stamps of its log);
 #   term:  from the first TERM_APP to the last TERMINATED_NORMAL_EXIT report;
 #   the daemon's CPU time in each phase and its peak RSS (VmHWM);
-#   beside a plain loop of fork, exec and wait of the same binary, N times.
+#   beside a plain loop of fork, exec and wait of the same binary, N times,
+#   and a plain loop that forks and execs all N without waiting in between,
+#   then reaps them (the start's yardstick), in the same run.
 #
 # Usage: bench/owner_bench.sh [N [L]]          (default: 1000 100)
 # Environment: STAVIK_BUILD_DIR (default: build), BENCH_KEEP=1 keeps the sandbox.
@@ -125,6 +127,11 @@ zul_seen=$(grep -o '"appName":"bench_[0-9]*"' "$root/zul.jsonl" | wc -l)
 l0=$(date +%s%N)
 for ((i = 0; i < count; i++)); do "$probe_bin" --exit 0; done
 l1=$(date +%s%N)
+# All N forked and exec'd without waiting in between, then reaped.
+pids=()
+for ((i = 0; i < count; i++)); do "$probe_bin" --exit 0 & pids+=($!); done
+wait "${pids[@]}"
+l2=$(date +%s%N)
 
 ms() { awk -v n="$1" 'BEGIN { printf "%.0f", n / 1e6 }'; }
 echo "owner_bench: N=$count in lists of $list, $(nproc) CPUs, $(uname -r)"
@@ -135,3 +142,5 @@ printf "%-34s %8s ms  (seen by the owner: %s ms; daemon CPU %s ms)\n" "term -> l
 printf "%-34s %8s kB\n" "daemon peak RSS (VmHWM)" "$rss"
 printf "%-34s %8s    (2 x N expected)\n" "entries heard by zulmgr" "$zul_seen"
 printf "%-34s %8s ms\n" "plain fork+exec+wait loop, N times" "$(ms $((l1 - l0)))"
+printf "%-34s %8s ms  (start / this: %s)\n" "plain fork+exec of N, then reap" "$(ms $((l2 - l1)))" \
+  "$(awk -v a="$start_ms" -v b=$(((l2 - l1) / 1000000)) 'BEGIN { printf "%.2f", a / b }')"

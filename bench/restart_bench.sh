@@ -95,12 +95,12 @@ cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$daemon_pid/stat"; }
 cpu_ns() { cat /proc/"$daemon_pid"/task/*/schedstat | awk '{ sum += $1 } END { printf "%.0f\n", sum }'; }
 peak_rss_kb() { awk '/^VmHWM:/ { print $2 }' "/proc/$daemon_pid/status"; }
 
-# percentiles FILE: "p50 p95 max" of one number per line, in ms with one decimal.
+# percentiles FILE: "p50 p95 p99 max" of one number per line, in ms with one decimal.
 percentiles() {
   sort -n "$1" | awk '{ v[NR] = $1 } END {
-    if (NR == 0) { print "- - -"; exit }
-    p50 = v[int((NR - 1) * 0.50) + 1]; p95 = v[int((NR - 1) * 0.95) + 1]
-    printf "%.1f %.1f %.1f\n", p50 / 1e6, p95 / 1e6, v[NR] / 1e6 }'
+    if (NR == 0) { print "- - - -"; exit }
+    p50 = v[int((NR - 1) * 0.50) + 1]; p95 = v[int((NR - 1) * 0.95) + 1]; p99 = v[int((NR - 1) * 0.99) + 1]
+    printf "%.1f %.1f %.1f %.1f\n", p50 / 1e6, p95 / 1e6, p99 / 1e6, v[NR] / 1e6 }'
 }
 
 run_rest() {
@@ -178,18 +178,18 @@ run_churn() {
   churn_latencies "$root"
   churn_restarts=$(wc -l < "$root/to_run.txt")
   churn_rate=$(awk -v r="$churn_restarts" -v s="$churn_s" 'BEGIN { printf "%.0f", r / s }')
-  read -r fork_p50 fork_p95 fork_max < <(percentiles "$root/to_fork.txt")
-  read -r run_p50 run_p95 run_max < <(percentiles "$root/to_run.txt")
+  read -r fork_p50 fork_p95 fork_p99 fork_max < <(percentiles "$root/to_fork.txt")
+  read -r run_p50 run_p95 run_p99 run_max < <(percentiles "$root/to_run.txt")
   churn_unmatched=$(grep -c 'can not find app' "$root/daemon.log" || true)
   [ "${BENCH_KEEP:-0}" = 1 ] || rm -rf "$root"
 }
 
-row() { printf "%-5s | %-11s %-11s | %-10s %-9s %-7s %-9s | %-18s | %-18s | %-8s\n" "$@"; }
+row() { printf "%-5s | %-11s %-11s | %-10s %-9s %-7s %-9s | %-23s | %-23s | %-8s\n" "$@"; }
 row "N" "rest us/pass" "" "restarts/s" "daemon" "load" "unmatched" "death->fork ms" "death->child ms" "peak RSS"
-row "" "(ticks)" "(schedstat)" "" "cpu %" "1 min" "deaths" "p50/p95/max" "p50/p95/max" "kB"
+row "" "(ticks)" "(schedstat)" "" "cpu %" "1 min" "deaths" "p50/p95/p99/max" "p50/p95/p99/max" "kB"
 for n in "${sizes[@]}"; do
   run_rest "$n"
   run_churn "$n"
   row "$n" "$rest_ticks_per_pass" "$rest_ns_per_pass" "$churn_rate" "$churn_cpu" "$churn_load" "$churn_unmatched" \
-    "$fork_p50/$fork_p95/$fork_max" "$run_p50/$run_p95/$run_max" "$(( rest_rss > churn_rss ? rest_rss : churn_rss ))"
+    "$fork_p50/$fork_p95/$fork_p99/$fork_max" "$run_p50/$run_p95/$run_p99/$run_max" "$(( rest_rss > churn_rss ? rest_rss : churn_rss ))"
 done

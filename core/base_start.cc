@@ -30,6 +30,12 @@ void StavikDaemon::InitBaseApplication(const std::string& yamlPath)
         Syslog(LOG_ERR, "STAVIK : ParseYamlFile failed, Stavik return");
         return;
     }
+    {
+        // Room for all at once: a growing vector would copy every record
+        // started so far, twice the memory for a moment, under the mutex.
+        std::lock_guard<std::mutex> lock(baseAppMutex_);
+        executedBaseApp_.reserve(executedBaseApp_.size() + enabledBaseApps_.size());
+    }
     bool allStarted = true;
     DependGraph graph;
     ManifestParser().GetStartGraph(enabledBaseApps_, graph);

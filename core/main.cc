@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -35,6 +36,9 @@ int main(int argc, char* argv[])
     context.selfPid_ = static_cast<int32_t>(getpid());
     Stavik::OpenLog(Stavik::SK_LOG_IDENT.c_str());
     signal(SIGPIPE, SIG_IGN);
+    // One malloc arena for all threads: the daemon's threads allocate little,
+    // and every further arena costs resident pages and more to copy at each fork.
+    mallopt(M_ARENA_MAX, 1);
     if (argc < MIN_ARGC) {
         SK_LOG(LOG_ERR, "Stavik: intput argc num is < 2, please input baseService yaml config path");
         return FailEarly();
