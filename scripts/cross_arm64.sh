@@ -88,8 +88,11 @@ build_tree() {
   say "ok: whole tree built for aarch64 in $build"
 }
 
+# qemu 7.2 refuses prctl(PR_SET_CHILD_SUBREAPER), which these tests need.
+QEMU_UNSUPPORTED='^FrsWorkers\.'
+
 run_tests() {
-  ctest --test-dir "$build" -L unit -j2 --timeout 600 --output-on-failure >"$build/unit-tests.log" 2>&1 \
+  ctest --test-dir "$build" -L unit -E "$QEMU_UNSUPPORTED" -j2 --timeout 600 --output-on-failure >"$build/unit-tests.log" 2>&1 \
     || { tail -n 40 "$build/unit-tests.log"; fail "unit tests under qemu (log: $build/unit-tests.log)"; }
   say "ok: unit tests under qemu: $(grep -E "tests passed" "$build/unit-tests.log")"
   # The end-to-end suite takes many times its native length under emulation,
