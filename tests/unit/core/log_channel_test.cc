@@ -20,6 +20,24 @@ TEST(BootStrace, FormatsSecondsWithTagAndIsEmptyWithoutFrequency)
     EXPECT_EQ(0u, BootStrace("SK").rfind("[", 0));
 }
 
+#if defined(__aarch64__)
+// On 64-bit Arm the stamp is the CPU's virtual counter, read between two direct
+// reads of it; a clock in its place would show another frequency and figure.
+TEST(BootStrace, ReadsTheVirtualCounterOnArm)
+{
+    uint64_t frequency = 0;
+    uint64_t before = 0;
+    uint64_t after = 0;
+    asm volatile("mrs %0, cntfrq_el0" : "=r"(frequency));
+    asm volatile("mrs %0, cntvct_el0\n\tisb" : "=r"(before));
+    uint64_t counter = BootCounter();
+    asm volatile("isb\n\tmrs %0, cntvct_el0" : "=r"(after));
+    EXPECT_EQ(frequency, BootCounterFrequency());
+    EXPECT_LE(before, counter);
+    EXPECT_LE(counter, after);
+}
+#endif
+
 TEST(SkLog, QuickStartWritesOneKmsgRecordPerLineUnderTheSandboxRoot)
 {
     ::Stavik::Test::Sandbox sandbox;
