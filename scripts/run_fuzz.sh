@@ -1,19 +1,18 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets of the wire bodies with clang, address and
-# undefined-behaviour sanitizers, and runs each for a bounded number of inputs.
-# Any crash, leak, hang, oversized allocation or broken property fails the script.
+# Builds the libFuzzer targets in the address and undefined-behaviour tree
+# (shared with the sanitizer suites), and runs each for a bounded number of
+# inputs from its corpus in the tree. Any crash, leak, hang, oversized
+# allocation or broken property fails the script.
 #
 #   STAVIK_FUZZ_RUNS   inputs per target (default 20000)
-#   STAVIK_FUZZ_BUILD  build folder (default build-fuzz in the source tree)
+#   STAVIK_FUZZ_BUILD  build folder (default build-asan in the source tree)
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-build="${STAVIK_FUZZ_BUILD:-$root/build-fuzz}"
+build="${STAVIK_FUZZ_BUILD:-$root/build-asan}"
 runs="${STAVIK_FUZZ_RUNS:-20000}"
 
-CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DSTAVIK_FUZZ=ON -DSTAVIK_SANITIZE=address \
-    -DSTAVIK_TESTS=OFF -DSTAVIK_BENCH=OFF >/dev/null
-cmake --build "$build" --target stavik_fuzz
+"$root/scripts/sanitizer_tree.sh" address "$build" stavik_fuzz
 
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
@@ -29,7 +28,7 @@ for target in "$build"/tests/fuzz/*_fuzz; do
     fi
     start=$SECONDS
     if "$target" -runs="$runs" -max_len=4096 -timeout=5 -rss_limit_mb=1024 -malloc_limit_mb=64 \
-        -dict="$root/tests/fuzz/wire.dict" -artifact_prefix="$work/$name-" "$corpus" >"$work/$name.log" 2>&1; then
+        -dict="$("$root/scripts/fuzz_dict.sh" "$name")" -artifact_prefix="$work/$name-" "$corpus" >"$work/$name.log" 2>&1; then
         echo "fuzz $name: $runs runs, $((SECONDS - start)) s, ok"
     else
         echo "fuzz $name: FAILED"

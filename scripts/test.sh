@@ -1,9 +1,18 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: unit and end-to-end
-# tests through ctest, then the bounded fuzz runs under the sanitizers.
+# tests through ctest, the same suites in the address and undefined-behaviour
+# tree, then the bounded fuzz runs in that tree. Each step prints its time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-./scripts/bootstrap.sh
-./scripts/build.sh
-(cd build && ctest --output-on-failure -j2 --timeout 300)
-./scripts/run_fuzz.sh
+
+step() {
+    local start=$SECONDS
+    "$@"
+    echo "test.sh: '$*' took $((SECONDS - start)) s"
+}
+
+step ./scripts/bootstrap.sh
+step ./scripts/build.sh
+step bash -c 'cd build && ctest --output-on-failure -j2 --timeout 300'
+step ./scripts/sanitize.sh address
+step ./scripts/run_fuzz.sh

@@ -132,11 +132,14 @@ protected:
         AppEntry plain = Probe("svc_a");
         plain.heartBeat = HeartBeatSpec{true, 0, 2};
 
-        AppEntry dependant = Probe("after_z");
-        dependant.depends = {"svc_z"};
+        // Its dependency announces its end before the boot goes on, so it is
+        // never RUNNING when the dependant's turn comes, however slow the start.
+        AppEntry ending = ToolOwner("svc_t", {R"({"type":"state","state":"TERMINATING"})"});
+        AppEntry dependant = Probe("after_t");
+        dependant.depends = {"svc_t"};
 
         return {Probe("svc_z"), nobodyOtherGroup, idFails, dependant, plain, root, missing,
-                execFails, rootOtherGroup, nobody};
+                execFails, rootOtherGroup, nobody, ending};
     }
 
     static AppEntry Probe(const std::string& name)
@@ -249,7 +252,8 @@ TEST_F(BaseStartRun, IndependentServicesStartInByteOrderOfTheirNames)
         EXPECT_EQ(EntryOf(start.name).binPath, start.binPath);
         names.push_back(start.name);
     }
-    EXPECT_EQ((std::vector<std::string>{"Svc_Z", "svc-a", "svc10", "svc9", "svc_a", "svc_b", "svc_id", "svc_z"}),
+    EXPECT_EQ((std::vector<std::string>{"Svc_Z", "svc-a", "svc10", "svc9", "svc_a", "svc_b", "svc_id", "svc_t",
+                                        "svc_z"}),
               names);
     // The refused service between them doesn't stop the boot: the next name still starts.
     long refused = IndexOfExact(*daemon_, "STAVIK : Start App=svc_c failed, binPath=" + EntryOf("svc_c").binPath +
@@ -258,20 +262,20 @@ TEST_F(BaseStartRun, IndependentServicesStartInByteOrderOfTheirNames)
     EXPECT_LT(refused, daemon_->IndexOf("Start baseApp success appName=svc_id,"));
 }
 
-TEST_F(BaseStartRun, DependantOfAServiceNotYetRunningFailsOnceAndIsNotRetried)
+TEST_F(BaseStartRun, DependantOfAServiceNotRunningFailsOnceAndIsNotRetried)
 {
-    long depends = IndexOfExact(*daemon_, "STAVIK : after_z depends on svc_z [after_z => svc_z]");
-    long failed = IndexOfExact(*daemon_, "STAVIK : after_z's dependcy svc_z hasn't been started");
+    long depends = IndexOfExact(*daemon_, "STAVIK : after_t depends on svc_t [after_t => svc_t]");
+    long failed = IndexOfExact(*daemon_, "STAVIK : after_t's dependcy svc_t hasn't been started");
     ASSERT_GE(depends, 0) << daemon_->Log();
     EXPECT_LT(depends, failed);
-    EXPECT_LT(daemon_->IndexOf("Start baseApp success appName=svc_z,"), depends);
-    std::regex gaveUp(R"(^stavik-daemon cur time:\[[0-9.]+s\]\[BOOT_TRACE\]\[SK\], start baseApp=after_z failed$)");
+    EXPECT_LT(daemon_->IndexOf("Start baseApp success appName=svc_t,"), depends);
+    std::regex gaveUp(R"(^stavik-daemon cur time:\[[0-9.]+s\]\[BOOT_TRACE\]\[SK\], start baseApp=after_t failed$)");
     std::vector<std::string> lines = daemon_->Lines();
     EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
                             [&](const std::string& line) { return std::regex_match(LogText(line), gaveUp); }));
-    EXPECT_EQ(1u, daemon_->CountLines("after_z's dependcy"));
-    EXPECT_TRUE(StartedPids(*daemon_, "after_z").empty());
-    EXPECT_FALSE(sandbox_->Exists("/out/after_z.rec"));
+    EXPECT_EQ(1u, daemon_->CountLines("after_t's dependcy"));
+    EXPECT_TRUE(StartedPids(*daemon_, "after_t").empty());
+    EXPECT_FALSE(sandbox_->Exists("/out/after_t.rec"));
 }
 
 TEST_F(BaseStartRun, ChildEnvironmentHoldsExactlyTheBaseVariables)

@@ -3,9 +3,13 @@
 // the bounds of the configuration and the restore after wake-up.
 #include <pthread.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <set>
 
 #include "resource/core_affinity_mgr.h"
@@ -91,6 +95,41 @@ void* Waiting(void* report)
     return nullptr;
 }
 
+// The threads a test starts carry a name, so that they are told from those
+// a sanitizer's runtime may add.
+void* NamedWaiting(void* report)
+{
+    prctl(PR_SET_NAME, "waiter");
+    return Waiting(report);
+}
+
+size_t Waiters(pid_t pid)
+{
+    ThreadCoreInfo waiter;
+    waiter.pid = static_cast<uint32_t>(pid);
+    strncpy(waiter.threadName, "waiter", THREAD_NAME_SIZE);
+    std::set<uint32_t> tids = Tids(pid);
+    return static_cast<size_t>(std::count_if(tids.begin(), tids.end(), [&](uint32_t tid) {
+        return CoreAffinityMgr::CheckTidIsValid(waiter.pid, tid, waiter);
+    }));
+}
+
+// Kills the spawned processes however the test ends: one left running would
+// hold the test's output open and stall the whole run until its timeout.
+struct SpawnedReaper {
+    ~SpawnedReaper()
+    {
+        for (pid_t pid : pids) {
+            if (pid > 0 && waitpid(pid, nullptr, WNOHANG) == 0) {
+                kill(pid, SIGKILL);
+                waitpid(pid, nullptr, 0);
+            }
+        }
+    }
+
+    std::vector<pid_t> pids;
+};
+
 // A process with `threads` more threads which, asked to, starts one more,
 // unbound, for each byte it reads, and writes that thread's id back.
 pid_t Spawn(int threads, bool onDemand = false)
@@ -99,12 +138,12 @@ pid_t Spawn(int threads, bool onDemand = false)
     pthread_t thread;
     if (pid == 0) {
         for (int i = 0; i < threads; ++i) {
-            pthread_create(&thread, nullptr, Waiting, nullptr);
+            pthread_create(&thread, nullptr, NamedWaiting, nullptr);
         }
         char byte = 0;
         while (onDemand && read(ToChild[0], &byte, 1) == 1) {
             SetAffinity(0, BOTH);
-            pthread_create(&thread, nullptr, Waiting, &byte);
+            pthread_create(&thread, nullptr, NamedWaiting, &byte);
         }
         Waiting(nullptr);
     }
@@ -131,7 +170,8 @@ TEST_F(DaemonSteps, DelayedBindingCheckStopAndWakeUp)
     ASSERT_EQ(0, pipe(ToChild));
     ASSERT_EQ(0, pipe(FromChild));
     const pid_t maker = Spawn(0, true), base = Spawn(2), plain = Spawn(1), upload = Spawn(1);
-    ASSERT_TRUE(::Stavik::Test::WaitUntil([&] { return Tids(base).size() == 3 && Tids(plain).size() == 2; }));
+    SpawnedReaper reaper{{maker, base, plain, upload}};
+    ASSERT_TRUE(::Stavik::Test::WaitUntil([&] { return Waiters(base) == 2 && Waiters(plain) == 1; }));
     std::shared_ptr<App::GeneralAppInfo> delayed = AddGeneral("delayed", "owner", maker, RUNNING);
     App::BaseAppInfo baseApp = Base(Data("base"), base, RUNNING);
     delayed->isDelayCoreAffinity_ = baseApp.isDelayCoreAffinity_ = true;
