@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds a sanitizer tree and runs the unit and end-to-end suites in it (the
-# long flood test and the package check stay in the plain build). Any sanitizer report fails the
-# test it happened in.
+# long flood test and the package check stay in the plain build). Any
+# sanitizer report fails the test it happened in.
 #
 #   scripts/sanitize.sh address|thread [ctest options, e.g. -R Pattern]
 #
