@@ -39,6 +39,7 @@ YAML
     args: [--startup, "$root/etc/$name.yaml", --apps, "$apps", --rounds, "$rounds", --go-file, "$root/go",
            --out, "$root/out/$name", --report-timeout-ms, "$report_timeout_ms"]
     reporting: true
+    startup_entry_path: "$root/etc/$name.yaml"
 YAML
     {
       echo "apps:"

@@ -42,6 +42,7 @@ YAML
            --out, "$root/out/$name", --report-timeout-ms, "5000"]
     reporting: true
     restart: $policy
+    startup_entry_path: "$root/etc/$name.yaml"
 YAML
     {
       echo "apps:"

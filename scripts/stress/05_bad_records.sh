@@ -24,7 +24,7 @@ sysop_bin="$build/client/stavik-sysop"
 stress_begin bad_records
 require_programs bad_records "$upload_bin" "$sysop_bin"
 mkdir -p "$root/etc/qel/base-plat/stavik-daemon" "$root/etc/sharepool"
-printf 'skupload:\n  enable: true\n' > "$root/etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml"
+printf 'watch_dog:\n  enable: false\nskupload:\n  enable: true\n' > "$root/etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml"
 printf 'sharepool_groups:\n  - G_A:\n      mem_size: 8\n  - G_B:\n      mem_size: 8\n' > "$root/etc/sharepool/stress.yaml"
 {
   echo "apps:"
@@ -44,12 +44,14 @@ apps:
     args: ["$sender", owner, "$seed", "$count", "$root/out/bad_owner", "$root/etc/bad_owner_startup.yaml"]
     reporting: true
     depends: [zulmgr]
+    startup_entry_path: "$root/etc/bad_owner_startup.yaml"
   - name: owner
     bin_path: "$load_owner_bin"
     args: [--startup, "$root/etc/owner_startup.yaml", --apps, "3", --out, "$root/out/owner",
            --stop-file, "$root/stop"]
     reporting: true
     depends: [zulmgr]
+    startup_entry_path: "$root/etc/owner_startup.yaml"
 YAML
 
 # The process every pid and thread id of the records points at.

@@ -21,6 +21,10 @@ hold="${HOLD:-10}"
 uid="${STRESS_UID:-64123}"
 
 stress_begin exhaustion
+# A service runs only a binary its own user (or group) may execute: copies of the user's.
+mkdir -p "$root/bin"
+cp "$owner_bin" "$load_owner_bin" "$probe_bin" "$root/bin/"
+owner_bin="$root/bin/stavik-owner" load_owner_bin="$root/bin/load_owner" probe_bin="$root/bin/probe_child"
 cat > "$root/etc/base.yaml" <<YAML
 apps:
   - name: zulmgr
@@ -36,6 +40,7 @@ apps:
            --stop-file, "$root/stop", --lenient, --report-timeout-ms, "5000"]
     reporting: true
     depends: [zulmgr]
+    startup_entry_path: "$root/etc/owner_startup.yaml"
     uid: $uid
     gid: $uid
   - name: keeper

@@ -9,6 +9,12 @@
   bad_records.py sysop SEED COUNT PID           COUNT ioctls to the system operator resource;
       every pid and thread id in them is PID, so that nothing else is touched
   bad_records.py heartbeat SEED COUNT           COUNT datagrams to the heart-beat checker
+  bad_records.py loads INDEX STARTUP LOG OUT    an owner service started by the daemon
+      (reporting, STARTUP its start-up file): for each manifest of INDEX (from
+      mutate_manifest.py) copies it over STARTUP, sends a load (a reload every
+      second time), awaits the answer and looks in the daemon's LOG for a line
+      naming STARTUP where INDEX says the file is a fault; then starts and
+      terminates one application of a valid file; writes its figures to OUT
 
 Records are mutated valid ones (the fuzz corpus of the owner records, a valid
 announcement, ioctl records, beats) or random bytes; about one in six frames is
@@ -84,6 +90,7 @@ class Peer:
         self.received = 0
         self.closed = False
         self.answers = {}
+        self.states = []
         threading.Thread(target=self._drain, daemon=True).start()
 
     def _drain(self):
@@ -100,6 +107,8 @@ class Peer:
                 magic, kind, _flags, ident, _length = HEADER.unpack_from(packet)
                 if magic == MAGIC and kind == RESPONSE:
                     self.answers[ident] = packet[HEADER.size:]
+                elif magic == MAGIC and kind == REQUEST and len(packet) >= HEADER.size + 16:
+                    self.states.extend(app_states(packet[HEADER.size:]))
 
     def send(self, rng, payload, broken=False, kind=REQUEST):
         ident = self.next_id
@@ -127,6 +136,64 @@ def connect(path, name):
             time.sleep(0.05)
     conn.sendall(HEADER.pack(MAGIC, HELLO, 0, 0, len(name)) + name)
     return Peer(conn)
+
+
+def app_states(record):
+    """(name, state) of each entry of a REPORT_APP_STATE record: count#name#pid#gid#state#reason#..."""
+    kind, size = struct.unpack_from("<I4xQ", record)
+    if kind != 4:
+        return []
+    fields = record[16:16 + min(size, RECORD_DATA)].split(b"#")
+    try:
+        return [(fields[1 + 5 * i], int(fields[4 + 5 * i])) for i in range(int(fields[0]))]
+    except (ValueError, IndexError):
+        return []
+
+
+def await_state(peer, name, state, timeout_s=30):
+    deadline = time.monotonic() + timeout_s
+    while (name, state) not in peer.states and time.monotonic() < deadline:
+        time.sleep(0.01)
+    return (name, state) in peer.states
+
+
+def loads_mode(index, startup, log, out):
+    rng = random.Random(0)
+    listener = socket.socket(fileno=int(os.environ["TUBIX_LISTEN_FD"]))
+    conn, _ = listener.accept()
+    peer = Peer(conn)
+    peer.send(rng, owner_record(3, b"1#2#"))
+    answered = unanswered = unnamed = 0
+    with open(index) as lines:
+        for number, line in enumerate(lines):
+            path, kind, must = line.rstrip("\n").split("\t")
+            with open(path, "rb") as mutation, open(startup, "wb") as target:
+                target.write(mutation.read())
+            log_at = os.path.getsize(log)
+            body = b"1#" + startup.encode() + b"#0#"
+            if peer.await_answer(peer.send(rng, owner_record(6 + number % 2, body)), 15) is None:
+                unanswered += 1
+                print("load: no answer for %s (%s)" % (path, kind), file=sys.stderr)
+                continue
+            answered += 1
+            with open(log, "rb") as text:
+                text.seek(log_at)
+                named = b"manifest " + startup.encode() in text.read()
+            if must == "fault" and not named:
+                unnamed += 1
+                print("load: no line names the fault of %s (%s)" % (path, kind), file=sys.stderr)
+    with open(startup, "w") as target:
+        target.write("apps:\n  - name: loader_a0\n    bin_path: /bin/sleep\n    args: ['600']\n")
+    peer.await_answer(peer.send(rng, owner_record(6, b"1#" + startup.encode() + b"#0#")), 15)
+    peer.send(rng, owner_record(0, b"1#loader_a0#0#0#"))
+    started = await_state(peer, b"loader_a0", 0)
+    peer.send(rng, owner_record(2, b"1#loader_a0#"))
+    served = started and await_state(peer, b"loader_a0", 3)
+    with open(out, "w") as figures:
+        figures.write("answered=%d\nunanswered=%d\nunnamed=%d\nserved=%d\ndone=1\n"
+                      % (answered, unanswered, unnamed, served))
+    while True:
+        time.sleep(3600)
 
 
 def owner_record(kind, body, size=None):
@@ -282,7 +349,11 @@ def heartbeat_mode(rng, count):
 
 
 def main():
-    mode, seed, count = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+    mode = sys.argv[1]
+    if mode == "loads":
+        loads_mode(sys.argv[2], sys.argv[3], sys.argv[4], sys.argv[5])
+        return
+    seed, count = int(sys.argv[2]), int(sys.argv[3])
     rng = random.Random(seed)
     if mode == "owner":
         owner_mode(rng, count, sys.argv[4], sys.argv[5])

@@ -21,8 +21,9 @@ stress_begin() {
   require_programs "$script_name" "$daemon_bin" "$owner_bin" "$load_owner_bin" "$probe_bin"
   root="$(new_sandbox "$script_name")"
   export STAVIK_SYSROOT="$root" STAVIK_LOG_STDERR=1 TUBIX_DIR="$root/run/tubix"
-  # The daemon's children are killed with it; ASan must not stop at a leak of a child.
-  export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=0:abort_on_error=1}"
+  # The daemon is killed at the end, so leak checks can't run; a small
+  # quarantine keeps the RSS figures near the memory really in use.
+  export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=0:abort_on_error=1:quarantine_size_mb=16}"
   export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
   export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=0:second_deadlock_stack=1}"
   trap stress_cleanup EXIT
@@ -30,6 +31,7 @@ stress_begin() {
 }
 
 stress_cleanup() {
+  exec 2>/dev/null  # no notices of the jobs killed here
   local job
   [ -z "$daemon_pid" ] || kill -KILL -- "-$daemon_pid" 2>/dev/null || true
   for job in $(jobs -p); do kill -KILL "$job" 2>/dev/null || true; done
@@ -48,16 +50,17 @@ start_daemon() {
 
 booted() { grep -qs ' InitBaseApplication end' "$root/daemon.log"; }
 
-# A zombie is a dead child that nobody reaps: still there a second sample later.
+# A zombie is a dead child that nobody reaps: still there a while later.
 daemon_alive() { [ -d "/proc/$daemon_pid" ] && ! grep -qs '^State:.*Z' "/proc/$daemon_pid/status"; }
 fd_count() { ls "/proc/$daemon_pid/fd" 2>/dev/null | wc -l; }
 rss_kb() { awk '/^VmRSS:/ { print $2 }' "/proc/$daemon_pid/status" 2>/dev/null; }
 zombie_pids() { ps -o pid=,stat= --ppid "$daemon_pid" 2>/dev/null | awk '$2 ~ /^Z/ { print $1 }' | sort; }
+# lasting_zombies [GRACE_S]: the zombies that are still there GRACE_S (1) later.
 lasting_zombies() {
   local first
   first=$(zombie_pids)
   [ -n "$first" ] || { echo 0; return; }
-  sleep 1
+  sleep "${1:-1}"
   comm -12 <(echo "$first") <(zombie_pids) | grep -c . || true
 }
 log_count() { grep -c -- "$1" "$root/daemon.log" || true; }

@@ -1,5 +1,6 @@
 // An owner service for the stress scripts: the daemon starts it as a reporting
-// base service; it reports RUNNING, loads its start-up file and then drives
+// base service; it reports RUNNING, loads its start-up file (the daemon reads
+// the one of the owner's manifest entry; FILE only goes into the log) and drives
 // its applications NAME_a0 .. NAME_a<K-1> through start and term in a loop,
 // checking that every request ends in the report it must produce.
 //   load_owner --startup FILE --apps K --out FILE [--rounds R] [--stop-file F]
