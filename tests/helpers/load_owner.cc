@@ -9,7 +9,8 @@
 // owners booted one after another load the daemon together. The loop ends after R rounds (0: no bound) or once F
 // exists; then every application is terminated a last time and the figures
 // are written to --out with "state=final", after which the owner idles. The
-// figures are also written after every round. A report of another state than
+// figures are also written after every round, with "last_round_clean=1" when
+// that round needed no second attempt. A report of another state than
 // the one asked for is "unexpected"; with --lenient it is "refused" and the
 // request is sent again, as when starts fail for want of resources.
 #include <unistd.h>
@@ -59,7 +60,10 @@ struct Figures {
     long maxReportMs = 0;
     long long sumReportMs = 0;
     bool loaded = false;
+    bool lastRoundClean = false;
     bool finalOk = false;
+
+    long Troubles() const { return missing + unexpected + refused + abandoned; }
 };
 
 Settings ReadSettings(int argc, char* argv[])
@@ -99,9 +103,9 @@ void WriteFigures(const std::string& path, const std::string& name, const Figure
     }
     fprintf(file,
             "name=%s\nstate=%s\nloaded=%d\nrounds=%ld\nrequests=%ld\nreports=%ld\nmissing=%ld\nunexpected=%ld\n"
-            "refused=%ld\nabandoned=%ld\nmax_report_ms=%ld\nsum_report_ms=%lld\nfinal_ok=%d\n",
+            "refused=%ld\nabandoned=%ld\nmax_report_ms=%ld\nsum_report_ms=%lld\nlast_round_clean=%d\nfinal_ok=%d\n",
             name.c_str(), state, f.loaded, f.rounds, f.requests, f.reports, f.missing, f.unexpected, f.refused,
-            f.abandoned, f.maxReportMs, f.sumReportMs, f.finalOk);
+            f.abandoned, f.maxReportMs, f.sumReportMs, f.lastRoundClean, f.finalOk);
     fclose(file);
     rename(temporary.c_str(), path.c_str());
 }
@@ -227,9 +231,11 @@ int main(int argc, char* argv[])
         std::this_thread::sleep_for(std::chrono::milliseconds(GO_POLL_MS));
     }
     while (!StopAsked(settings, figures)) {
+        long troubles = figures.Troubles();
         driver.Drive(true, RUNNING_NORMAL_START);
         driver.Drive(false, TERMINATED_NORMAL_EXIT);
         ++figures.rounds;
+        figures.lastRoundClean = figures.Troubles() == troubles;
         WriteFigures(settings.out, name, figures, "running");
     }
     figures.finalOk = driver.Drive(false, TERMINATED_NORMAL_EXIT);
