@@ -61,7 +61,10 @@ for i in 0 1 2; do printf '  - name: owner_a%d\n    bin_path: "%s"\n    uid: %s\
 chown -R "$uid:$uid" "$root"
 chmod 755 "$root"
 
-start_daemon "$root/etc/base.yaml" setpriv --reuid="$uid" --regid="$uid" --clear-groups
+# The user keeps the right to change the identity of its children, not the
+# right to pass resource limits (neither CAP_SYS_RESOURCE nor CAP_SYS_ADMIN).
+as_user() { setpriv --reuid="$uid" --regid="$uid" --clear-groups "$@"; }
+start_daemon "$root/etc/base.yaml" as_user --inh-caps=+setuid,+setgid --ambient-caps=+setuid,+setgid
 wait_for 120 booted || { fail "the boot did not end"; finish; }
 ran_rounds() { grep -hs '^rounds=' "$root/out/owner" | cut -d= -f2; }
 figure_of() { grep -hs "^$1=" "$root/out/owner" | cut -d= -f2; }
@@ -78,7 +81,7 @@ phase() {
   local name=$1 limit=$2 lift=$3 keeper lines_before rounds_then restarts_then
   keeper=$(keeper_pid)
   lines_before=$(wc -l < "$root/daemon.log")
-  prlimit --pid "$daemon_pid" "$limit"
+  as_user prlimit --pid "$daemon_pid" "$limit"
   sleep 1
   restarts_then=$(restarts)
   [ -n "$keeper" ] && kill -KILL "$keeper"
@@ -92,7 +95,7 @@ phase() {
   restarts_under=$(( $(restarts) - restarts_then ))
   rounds_then=$(ran_rounds)
   restarts_then=$(restarts)
-  prlimit --pid "$daemon_pid" "$lift"
+  as_user prlimit --pid "$daemon_pid" "$lift"
   back() { [ -n "$(keeper_pid)" ] && [ "$(keeper_pid)" != "$keeper" ]; }
   wait_for 30 back || fail "$name: the killed service did not come back after the lift"
   wait_for 30 restarts_grow "$restarts_then" || fail "$name: no restart after the lift"
@@ -103,11 +106,12 @@ phase() {
   [ "$failed_under" -gt 0 ] || fail "$name: nothing logged under the limit"
 }
 
+# Only soft limits change: raising a hard one back would need CAP_SYS_RESOURCE.
+soft_limit() { prlimit --pid "$daemon_pid" "--$1" --noheadings --raw -o SOFT; }
 tasks=$(ps -L -u "$uid" --no-headers | wc -l)
-phase nproc "--nproc=1:1" "--nproc=unlimited:unlimited"
+phase nproc "--nproc=1:" "--nproc=$(soft_limit nproc):"
 fds=$(fd_count)
-nofile_before=$(prlimit --pid "$daemon_pid" --nofile --noheadings --raw | awk '{ print $2 ":" $3 }')
-phase nofile "--nofile=$fds:$fds" "--nofile=$nofile_before"
+phase nofile "--nofile=$fds:" "--nofile=$(soft_limit nofile):"
 
 touch "$root/stop"
 final_seen() { grep -qs '^state=final' "$root/out/owner"; }

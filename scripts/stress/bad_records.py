@@ -59,7 +59,7 @@ def mutate(rng, data, cap):
         elif op == 5:
             del data[at:]
         else:
-            data[at:at] = b"A" * rng.randint(256, cap)
+            data[at:at] = b"A" * rng.randint(min(256, cap), cap)
     return bytes(data[:cap])
 
 
