@@ -63,8 +63,9 @@ chmod 755 "$root"
 
 # The user keeps the right to change the identity of its children, not the
 # right to pass resource limits (neither CAP_SYS_RESOURCE nor CAP_SYS_ADMIN).
-as_user() { setpriv --reuid="$uid" --regid="$uid" --clear-groups "$@"; }
-start_daemon "$root/etc/base.yaml" as_user --inh-caps=+setuid,+setgid --ambient-caps=+setuid,+setgid
+user_runner=(setpriv --reuid="$uid" --regid="$uid" --clear-groups)
+as_user() { "${user_runner[@]}" "$@"; }
+start_daemon "$root/etc/base.yaml" "${user_runner[@]}" --inh-caps=+setuid,+setgid --ambient-caps=+setuid,+setgid
 wait_for 120 booted || { fail "the boot did not end"; finish; }
 ran_rounds() { grep -hs '^rounds=' "$root/out/owner" | cut -d= -f2; }
 figure_of() { grep -hs "^$1=" "$root/out/owner" | cut -d= -f2; }
