@@ -103,7 +103,7 @@ def cycles(rng, text):
     for position, index in enumerate(ring):
         after = names[ring[(position + 1) % len(ring)]]
         entry = re.sub(r"(?m)^    depends:.*\n", "", entries[index])
-        entries[index] = entry.rstrip("\n") + "\n    depends: [%s]\n" % after
+        entries[index] = entry.rstrip("\n") + "\n    depends: [\"%s\"]\n" % after
     return head + "".join(entries), "cycle"
 
 
