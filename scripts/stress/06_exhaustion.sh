@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Resource exhaustion: the daemon runs as an unprivileged user of its own
+# Resource exhaustion: the daemon runs as an unprivileged user (nobody)
 # (root ignores RLIMIT_NPROC), with a service that lives, one that dies every
 # 200 ms (restart "on-forever") and an owner that starts and terminates its
 # applications in a loop. From outside, `prlimit --pid` first sets
@@ -12,13 +12,14 @@
 # owner's starts succeed again; no zombie lasts.
 #
 # Usage: scripts/stress/06_exhaustion.sh
-# Environment: STAVIK_BUILD (default build), HOLD (10), STRESS_UID (64123), STRESS_KEEP=1.
+# Environment: STAVIK_BUILD (default build), HOLD (10), STRESS_UID (65534: the
+#   children need a user of the passwd file), STRESS_KEEP=1.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 . scripts/stress/stress_env.sh
 
 hold="${HOLD:-10}"
-uid="${STRESS_UID:-64123}"
+uid="${STRESS_UID:-65534}"
 
 stress_begin exhaustion
 # A service runs only a binary its own user (or group) may execute: copies of the user's.
