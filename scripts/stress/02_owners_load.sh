@@ -9,7 +9,9 @@
 #
 # Usage: scripts/stress/02_owners_load.sh
 # Environment: STAVIK_BUILD (default build), OWNERS (100), APPS (5), ROUNDS (20),
-#   REPORT_TIMEOUT_MS (30000), MAX_SECONDS (1200), STRESS_KEEP=1.
+#   REPORT_TIMEOUT_MS (30000), MAX_SECONDS (1200), TERM_TIMEOUT_MS (5000, the
+#   applications' own; the thread-sanitizer tree is slow enough to need 60000),
+#   STRESS_KEEP=1.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 . scripts/stress/stress_env.sh
@@ -19,6 +21,7 @@ apps="${APPS:-5}"
 rounds="${ROUNDS:-20}"
 report_timeout_ms="${REPORT_TIMEOUT_MS:-30000}"
 max_seconds="${MAX_SECONDS:-1200}"
+term_timeout_ms="${TERM_TIMEOUT_MS:-5000}"
 
 stress_begin owners_load
 owner_name() { printf "load_%03d" "$1"; }
@@ -43,7 +46,9 @@ YAML
 YAML
     {
       echo "apps:"
-      for ((k = 0; k < apps; k++)); do printf '  - name: %s_a%d\n    bin_path: "%s"\n' "$name" "$k" "$probe_bin"; done
+      for ((k = 0; k < apps; k++)); do
+        printf '  - name: %s_a%d\n    bin_path: "%s"\n    term_timeout_ms: %s\n' "$name" "$k" "$probe_bin" "$term_timeout_ms"
+      done
     } > "$root/etc/$name.yaml"
   done
 } > "$root/etc/base.yaml"
