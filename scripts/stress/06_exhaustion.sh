@@ -109,7 +109,7 @@ phase() {
 }
 
 # Only soft limits change: raising a hard one back would need CAP_SYS_RESOURCE.
-soft_limit() { prlimit --pid "$daemon_pid" "--$1" --noheadings --raw -o SOFT; }
+soft_limit() { as_user prlimit --pid "$daemon_pid" "--$1" --noheadings --raw -o SOFT; }
 tasks=$(ps -L -u "$uid" --no-headers | wc -l)
 phase nproc "--nproc=1:" "--nproc=$(soft_limit nproc):"
 fds=$(fd_count)
