@@ -27,11 +27,7 @@ zombie_grace_s="${ZOMBIE_GRACE_S:-5}"
 stress_begin death_storm
 write_owner_entries() {
   cat <<YAML
-  - name: zulmgr
-    bin_path: "$owner_bin"
-    args: [--name, zulmgr, --events, /dev/null, --request, '{"type":"state","state":"INIT"}',
-           --request, '{"type":"state","state":"RUNNING"}']
-    reporting: true
+$(zulmgr_entry)
   - name: owner
     bin_path: "$load_owner_bin"
     args: [--startup, "$root/etc/owner_startup.yaml", --apps, "3", --out, "$root/out/owner",

@@ -28,11 +28,7 @@ owner_name() { printf "load_%03d" "$1"; }
 {
   echo "apps:"
   cat <<YAML
-  - name: zulmgr
-    bin_path: "$owner_bin"
-    args: [--name, zulmgr, --events, /dev/null, --request, '{"type":"state","state":"INIT"}',
-           --request, '{"type":"state","state":"RUNNING"}']
-    reporting: true
+$(zulmgr_entry)
 YAML
   for ((i = 0; i < owners; i++)); do
     name=$(owner_name "$i")

@@ -34,11 +34,7 @@ printf 'apps:\n' > "$root/etc/owner_startup.yaml"
 for i in 0 1 2; do printf '  - name: owner_a%d\n    bin_path: "%s"\n' "$i" "$probe_bin"; done >> "$root/etc/owner_startup.yaml"
 cat > "$root/etc/base.yaml" <<YAML
 apps:
-  - name: zulmgr
-    bin_path: "$owner_bin"
-    args: [--name, zulmgr, --events, /dev/null, --request, '{"type":"state","state":"INIT"}',
-           --request, '{"type":"state","state":"RUNNING"}']
-    reporting: true
+$(zulmgr_entry)
   - name: bad_owner
     bin_path: /usr/bin/python3
     args: ["$sender", owner, "$seed", "$count", "$root/out/bad_owner", "$root/etc/bad_owner_startup.yaml"]

@@ -28,11 +28,7 @@ cp "$owner_bin" "$load_owner_bin" "$probe_bin" "$root/bin/"
 owner_bin="$root/bin/stavik-owner" load_owner_bin="$root/bin/load_owner" probe_bin="$root/bin/probe_child"
 cat > "$root/etc/base.yaml" <<YAML
 apps:
-  - name: zulmgr
-    bin_path: "$owner_bin"
-    args: [--name, zulmgr, --events, /dev/null, --request, '{"type":"state","state":"INIT"}',
-           --request, '{"type":"state","state":"RUNNING"}']
-    reporting: true
+$(zulmgr_entry)
     uid: $uid
     gid: $uid
   - name: owner

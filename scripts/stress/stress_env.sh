@@ -63,6 +63,18 @@ lasting_zombies() {
   sleep "${1:-1}"
   comm -12 <(echo "$first") <(zombie_pids) | grep -c . || true
 }
+# The manifest entry of "zulmgr", played by the owner tool, which every
+# script's base manifest starts first.
+zulmgr_entry() {
+  cat <<YAML
+  - name: zulmgr
+    bin_path: "$owner_bin"
+    args: [--name, zulmgr, --events, /dev/null, --request, '{"type":"state","state":"INIT"}',
+           --request, '{"type":"state","state":"RUNNING"}']
+    reporting: true
+YAML
+}
+
 log_count() { grep -c -- "$1" "$root/daemon.log" || true; }
 
 fail() {
