@@ -164,10 +164,11 @@ TEST(CgroupRun, QuickStartPriorityAppIsPlacedAtTheContinuePoint)
     std::vector<StartLine> starts = StartLines(daemon, "Start priority generalApp success");
     ASSERT_EQ(1u, starts.size()) << daemon.Log();
     const uint32_t pid = static_cast<uint32_t>(starts[0].pid);
+    // The main thread and its two workers; a sanitizer's runtime may add one of its own.
     std::set<uint32_t> tids;
     ASSERT_TRUE(WaitUntil([&] {
         tids.clear();
-        return CoreAffinityMgr::GetTids(pid, tids) && tids.size() == 3;
+        return CoreAffinityMgr::GetTids(pid, tids) && tids.size() >= 3;
     }, CHILD_WAIT_MS));
     EXPECT_TRUE(TasksIds(box, "cpu/grpA").empty());
 
