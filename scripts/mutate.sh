@@ -1,0 +1,133 @@
+#!/usr/bin/env bash
+# Mutation testing: applies one simple mutant at a time to chosen source files
+# (scripts/mutants.py makes them), rebuilds incrementally, runs the test
+# programs that cover the file, and reports each mutant as killed, survived or
+# stillborn (did not build). The source tree is changed in place while it runs
+# and put back after each mutant, so run it in a tree nobody edits meanwhile.
+#
+#   scripts/mutate.sh [-s SEED] [-n COUNT] [-k K/N] [-b BUILD] [-l LIST] [-o REPORT]
+#   scripts/mutate.sh -r REPORT...      sums up finished reports
+#
+# LIST (default scripts/mutate.list) names, a line each, a source file and the
+# test programs to run against its mutants, fastest first; a program may carry
+# a gtest filter after a colon. -k K/N runs every N-th mutant of the sample from
+# the K-th, so that N trees can share one sample.
+set -euo pipefail
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+seed=1
+count=150
+shard="1/1"
+build="$root/build-mutate"
+list="$root/scripts/mutate.list"
+report=""
+summary=0
+while getopts "s:n:k:b:l:o:r" opt; do
+    case $opt in
+        s) seed=$OPTARG ;;
+        n) count=$OPTARG ;;
+        k) shard=$OPTARG ;;
+        b) build=$OPTARG ;;
+        l) list=$OPTARG ;;
+        o) report=$OPTARG ;;
+        r) summary=1 ;;
+        *) sed -n '2,15p' "$0"; exit 2 ;;
+    esac
+done
+shift $((OPTIND - 1))
+
+Summary() {
+    cat "$@" | awk -F'\t' '
+        { n[$1]++ }
+        $1 == "SURVIVED" { print "survived: " $2 ":" $3 " " $6 " (" $4 " -> " $5 ")" }
+        END {
+            live = n["KILLED"] + n["SURVIVED"]
+            printf "mutants %d: killed %d, survived %d, stillborn %d; kill rate %.1f%%\n",
+                NR, n["KILLED"], n["SURVIVED"], n["STILLBORN"], live ? 100 * n["KILLED"] / live : 0
+        }'
+}
+
+if [ "$summary" = 1 ]; then
+    Summary "$@"
+    exit 0
+fi
+
+shardIndex=${shard%/*}
+shardCount=${shard#*/}
+report="${report:-$build/mutants-$seed.tsv}"
+declare -A programs
+files=()
+while read -r file tests; do
+    case "$file" in ''|'#'*) continue ;; esac
+    files+=("$file")
+    programs[$file]="$tests"
+done < "$list"
+
+if [ ! -f "$build/build.ninja" ]; then
+    cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
+fi
+
+Targets() {
+    local p
+    echo stavik-daemon
+    for p in ${programs[$1]}; do echo "${p%%:*}"; done
+}
+
+Build() {
+    # shellcheck disable=SC2046
+    cmake --build "$build" --target $(Targets "$1" | sort -u) < /dev/null > "$build/mutant-build.log" 2>&1
+}
+
+# The first program that fails kills the mutant; a hang counts as a failure.
+RunTests() {
+    local p program filter
+    for p in ${programs[$1]}; do
+        program="${p%%:*}"
+        filter="*"
+        [ "$p" != "$program" ] && filter="${p#*:}"
+        if ! STAVIK_BINARY_DIR="$build" timeout 300 "$build/tests/$program" --gtest_fail_fast \
+            --gtest_filter="$filter" < /dev/null > "$build/mutant-test.log" 2>&1; then
+            echo "$program"
+            return 1
+        fi
+    done
+}
+
+for file in "${files[@]}"; do
+    Build "$file" || { echo "mutate.sh: the tree does not build; see $build/mutant-build.log" >&2; exit 1; }
+    RunTests "$file" > /dev/null || { echo "mutate.sh: tests fail without mutants ($file)" >&2; exit 1; }
+done
+
+backup="$(mktemp)"
+current=""
+Restore() {
+    # A fresh mtime, so that the next build recompiles the original.
+    if [ -n "$current" ]; then cat "$backup" > "$root/$current"; fi
+    current=""
+}
+trap 'Restore; rm -f "$backup"' EXIT
+trap 'exit 130' INT TERM
+
+: > "$report"
+index=0
+cd "$root"
+while IFS=$'\x1f' read -r file line col old new kind; do
+    index=$((index + 1))
+    [ $(((index - shardIndex) % shardCount)) -eq 0 ] || continue
+    cp "$file" "$backup"
+    current="$file"
+    python3 "$root/scripts/mutants.py" apply "$file" "$line" "$col" "$old" "$new"
+    if ! Build "$file"; then
+        verdict=STILLBORN
+        by="-"
+    elif by=$(RunTests "$file"); then
+        verdict=SURVIVED
+        by="-"
+    else
+        verdict=KILLED
+    fi
+    Restore
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$verdict" "$file" "$line" "$old" "$new" "$kind" "$by" >> "$report"
+    echo "$index $verdict $file:$line $kind ($old -> $new) $by"
+done < <(python3 "$root/scripts/mutants.py" sample "$seed" "$count" "${files[@]}")
+Summary "$report"
