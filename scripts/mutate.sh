@@ -93,10 +93,13 @@ RunTests() {
     done
 }
 
-for file in "${files[@]}"; do
-    Build "$file" || { echo "mutate.sh: the tree does not build; see $build/mutant-build.log" >&2; exit 1; }
-    RunTests "$file" > /dev/null || { echo "mutate.sh: tests fail without mutants ($file)" >&2; exit 1; }
-done
+# Without mutants everything must build and pass, or no verdict means anything.
+programs[all]="$(printf '%s\n' ${programs[*]} | sort -u | tr '\n' ' ')"
+Build all || { echo "mutate.sh: the tree does not build; see $build/mutant-build.log" >&2; exit 1; }
+if failed=$(RunTests all); then :; else
+    echo "mutate.sh: $failed fails without mutants; see $build/mutant-test.log" >&2
+    exit 1
+fi
 
 backup="$(mktemp)"
 current=""
