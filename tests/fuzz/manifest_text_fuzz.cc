@@ -8,7 +8,7 @@
 
 #include "core/log.h"
 #include "manifest/manifest_reader.h"
-#include "record_input.h"
+#include "fuzz_support.h"
 
 namespace {
 
