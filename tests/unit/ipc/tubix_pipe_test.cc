@@ -77,11 +77,7 @@ TEST_F(TubixPipeTest, MessagesKeepBoundariesAndOrderBothWays)
     std::vector<uint8_t> tooBig(65537, 'x');
     EXPECT_EQ(TubixSendRequest(fd, TubixRequest{0, tooBig.data(), 65537}), -90);
 
-    for (uint32_t seq = 0; seq < 3000; ++seq) {
-        ASSERT_EQ(SendPatiently(fd, SeqMessage(seq)), 0) << seq;
-    }
-    EXPECT_EQ(Rpc(fd, "report"), "count=3000 bad=0 held=0");
-
+    // The order of a client's messages is the server test's.
     ASSERT_EQ(Send(fd, "push 2000"), 0);
     ASSERT_TRUE(WaitUntil([&] { return inbox.Now().messages.size() == 2000; }, 20000));
     std::vector<std::vector<uint8_t>> received = inbox.Now().messages;
@@ -91,7 +87,7 @@ TEST_F(TubixPipeTest, MessagesKeepBoundariesAndOrderBothWays)
     EXPECT_EQ(TubixClosePipe(fd), 0);
 }
 
-TEST_F(TubixPipeTest, ResponsesReachTheirOwnCallerById)
+TEST_F(TubixPipeTest, ResponsesReachTheirOwnCallerByIdAndACallbackCannotCloseItsPipe)
 {
     Peer server = RunPeer("echo", {"server"});
     Inbox inbox;
@@ -120,6 +116,22 @@ TEST_F(TubixPipeTest, ResponsesReachTheirOwnCallerById)
     EXPECT_EQ(resp.size, text.size());
     EXPECT_TRUE(inbox.Now().messages.empty());
     EXPECT_EQ(TubixClosePipe(fd), 0);
+
+    // From inside its own callback a close is refused as busy, and the pipe
+    // stays open. That a close never waits for a callback waiting on the
+    // closer is proven with the daemon's pipe table.
+    std::atomic<int32_t> closeResult{1};
+    int32_t self = OpenService("echo", [&](int32_t pipe, const TubixRequest* req) {
+        if (req != nullptr && closeResult == 1) {
+            closeResult = TubixClosePipe(pipe);
+        }
+    });
+    ASSERT_GT(self, 0);
+    ASSERT_EQ(Send(self, "push 1"), 0);
+    ASSERT_TRUE(WaitUntil([&] { return closeResult != 1; }));
+    EXPECT_EQ(closeResult, -16);
+    EXPECT_EQ(Rpc(self, "report"), "count=0 bad=0 held=0");
+    EXPECT_EQ(TubixClosePipe(self), 0);
 }
 
 TEST_F(TubixPipeTest, APeerThatGoesIsReportedOnce)
@@ -148,26 +160,6 @@ TEST_F(TubixPipeTest, APeerThatGoesIsReportedOnce)
     EXPECT_EQ(closedByDeath.Now().nulls, 1);
 }
 
-// From inside its own callback a close is refused as busy, and the pipe stays
-// open. That a close never waits for a callback waiting on the closer is
-// proven with the daemon's pipe table.
-TEST_F(TubixPipeTest, AClosingCallbackIsRefusedAsBusy)
-{
-    Peer server = RunPeer("echo", {"server"});
-    std::atomic<int32_t> closeResult{1};
-    int32_t self = OpenService("echo", [&](int32_t fd, const TubixRequest* req) {
-        if (req != nullptr && closeResult == 1) {
-            closeResult = TubixClosePipe(fd);
-        }
-    });
-    ASSERT_GT(self, 0);
-    ASSERT_EQ(Send(self, "push 1"), 0);
-    ASSERT_TRUE(WaitUntil([&] { return closeResult != 1; }));
-    EXPECT_EQ(closeResult, -16);
-    EXPECT_EQ(Rpc(self, "report"), "count=0 bad=0 held=0");
-    EXPECT_EQ(TubixClosePipe(self), 0);
-}
-
 TEST_F(TubixPipeTest, OpenWaitsForALateServerOrTimesOut)
 {
     Stavik::LogCapture::Begin();
@@ -190,30 +182,6 @@ TEST_F(TubixPipeTest, OpenWaitsForALateServerOrTimesOut)
     ASSERT_GT(fd, 0);
     EXPECT_EQ(Rpc(fd, "hello"), "hello");
     EXPECT_EQ(TubixClosePipe(fd), 0);
-}
-
-TEST_F(TubixPipeTest, HundredsOfPipesShareTheLibraryThreadsAndLeaveNoDescriptor)
-{
-    Peer server = RunPeer("echo", {"server"});
-    Inbox inbox;
-    int32_t first = OpenService("echo", inbox.Handler());
-    ASSERT_GT(first, 0);
-    size_t threads = CountEntries("/proc/self/task");
-    size_t fds = CountEntries("/proc/self/fd");
-
-    std::vector<int32_t> pipes;
-    for (int i = 0; i < 300; ++i) {
-        pipes.push_back(OpenService("echo", inbox.Handler()));
-        ASSERT_GT(pipes.back(), 0);
-    }
-    EXPECT_EQ(Rpc(pipes.back(), "last"), "last");
-    EXPECT_LE(CountEntries("/proc/self/task"), threads);
-    EXPECT_EQ(CountEntries("/proc/self/fd"), fds + pipes.size());
-    for (int32_t fd : pipes) {
-        EXPECT_EQ(TubixClosePipe(fd), 0);
-    }
-    EXPECT_EQ(CountEntries("/proc/self/fd"), fds);
-    EXPECT_EQ(TubixClosePipe(first), 0);
 }
 
 } // namespace
