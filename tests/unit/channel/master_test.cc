@@ -2,12 +2,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <dirent.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,9 +15,12 @@
 #include "core/log.h"
 #include "tests/support/daemon_process.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/wire/wire_test_support.h"
 
 namespace Stavik {
 namespace {
+
+using WireTest::TextRecord;
 
 const char* const OWNER = "owner_svc";
 
@@ -53,7 +54,7 @@ void OnRequest(int32_t, const TubixRequest* req)
     Server().records.push_back(msg);
 }
 
-class MasterTest : public ::testing::Test {
+class MasterTest : public WireTest::LoggedTest {
 protected:
     static void SetUpTestSuite()
     {
@@ -71,14 +72,6 @@ protected:
     {
         delete sandbox_;
     }
-    void SetUp() override
-    {
-        LogCapture::Begin();
-    }
-    void TearDown() override
-    {
-        LogCapture::End();
-    }
 
     static ::Stavik::Test::Sandbox* sandbox_;
 };
@@ -88,16 +81,9 @@ protected:
 size_t OpenSockets()
 {
     size_t sockets = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    for (dirent* entry = dir == nullptr ? nullptr : readdir(dir); entry != nullptr; entry = readdir(dir)) {
-        char target[64] = {};
-        std::string path = std::string("/proc/self/fd/") + entry->d_name;
-        if (readlink(path.c_str(), target, sizeof(target) - 1) > 0 && strncmp(target, "socket:", 7) == 0) {
-            ++sockets;
-        }
-    }
-    if (dir != nullptr) {
-        closedir(dir);
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        sockets += std::filesystem::read_symlink(entry.path(), error).string().rfind("socket:", 0) == 0 ? 1 : 0;
     }
     return sockets;
 }
@@ -117,15 +103,6 @@ size_t KnownServerFds()
 {
     std::lock_guard<std::mutex> guard(Server().mutex);
     return Server().fds.size();
-}
-
-Message::RequestMsg Record(uint32_t type, const std::string& body)
-{
-    Message::RequestMsg msg{};
-    msg.type = type;
-    msg.size = body.size();
-    memcpy(msg.data, body.data(), body.size());
-    return msg;
 }
 
 TEST_F(MasterTest, OpenOfAMissingServiceIsRepeatedOnceAndLeavesMinusOne)
@@ -162,7 +139,7 @@ TEST_F(MasterTest, RecordsTravelBothWaysWithTheOwnerNameBound)
         std::lock_guard<std::mutex> guard(Server().mutex);
         before = Server().records.size();
     }
-    std::vector<Message::RequestMsg> records{Record(4, "1#a#"), Record(4, "1#b#"), Record(10, "")};
+    std::vector<Message::RequestMsg> records{TextRecord(4, "1#a#"), TextRecord(4, "1#b#"), TextRecord(10, "")};
     ASSERT_TRUE(master.SendRequestMsg(fd, records));
     ASSERT_TRUE(::Stavik::Test::WaitUntil([&] {
         std::lock_guard<std::mutex> guard(Server().mutex);
@@ -180,7 +157,7 @@ TEST_F(MasterTest, RecordsTravelBothWaysWithTheOwnerNameBound)
         std::lock_guard<std::mutex> guard(Server().mutex);
         serverFd = Server().fds.back();
     }
-    Message::RequestMsg report = Record(3, "1#2#");
+    Message::RequestMsg report = TextRecord(3, "1#2#");
     ASSERT_EQ(0, TubixSendRequest(serverFd, TubixRequest{0, &report, sizeof(report)}));
     ASSERT_TRUE(::Stavik::Test::WaitUntil([&] {
         std::lock_guard<std::mutex> guard(mutex);
@@ -200,7 +177,7 @@ TEST_F(MasterTest, ClosedPipeFailsTheFirstRecordAndStops)
                                      " fd: " + std::to_string(fd)));
     EXPECT_EQ(-1, master.GetOwnerFd(OWNER));
 
-    std::vector<Message::RequestMsg> records(3, Record(4, "0#"));
+    std::vector<Message::RequestMsg> records(3, TextRecord(4, "0#"));
     EXPECT_FALSE(master.SendRequestMsg(fd, records));
     EXPECT_EQ(1u, LogCapture::Count("STAVIK : Master SendRequestMsg failed, err code="));
 
@@ -239,7 +216,7 @@ TEST_F(MasterTest, ClosesNeverWaitOnACallbackAndLeaveNoSocket)
     std::chrono::steady_clock::duration took{};
     {
         std::lock_guard<std::mutex> lock(baseAppMutex_);
-        Message::RequestMsg report = Record(3, "1#2#");
+        Message::RequestMsg report = TextRecord(3, "1#2#");
         ASSERT_EQ(0, TubixSendRequest(serverFd, TubixRequest{0, &report, sizeof(report)}));
         ASSERT_TRUE(::Stavik::Test::WaitUntil([&] { return waiting == 1; }));
         auto start = std::chrono::steady_clock::now();
