@@ -126,7 +126,7 @@ TEST_F(KeysTest, MinimalAndEmptyEntriesTakeDefaults)
     EXPECT_EQ(out[2].GetAppName(), "");
     EXPECT_EQ(out[2].GetRestart(), "on-forever");
     EXPECT_EQ(LogCount(LOG_WARNING, "manifest " + path + " line 18: entry has no name"), 1u);
-    // Only the defaults that are not a zero or empty value are worth a look of their own.
+    // The keys written empty keep their defaults; those that are not zero or empty get a line each.
     for (size_t index = 0; index < 2; ++index) {
         SCOPED_TRACE(out[index].GetAppName());
         const ApplicationManifest& m = out[index];
