@@ -1,6 +1,6 @@
 // One datagram as the heart-beat checker receives it on its socket.
 #include "heart_beat/beat_record.h"
-#include "record_input.h"
+#include "fuzz_support.h"
 
 using namespace HeartBeat;
 

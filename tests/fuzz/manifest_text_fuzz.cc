@@ -1,45 +1,29 @@
 // The text of a manifest file as the manifest library reads it: the input is
 // written to an in-memory file that is read through its /proc path.
 #include <sys/mman.h>
-#include <unistd.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "core/log.h"
 #include "manifest/manifest_reader.h"
-#include "record_input.h"
+#include "fuzz_support.h"
 
 namespace {
 
-struct TextFile {
-    TextFile() : fd(memfd_create("manifest.yaml", MFD_CLOEXEC)), path("/proc/self/fd/" + std::to_string(fd)) {}
-
-    int fd;
-    std::string path;
-};
-
-TextFile& Scratch()
+// The path of an in-memory file, made once.
+const std::string& ScratchPath()
 {
-    static TextFile file;
-    return file;
+    static const std::string path = "/proc/self/fd/" + std::to_string(memfd_create("manifest.yaml", MFD_CLOEXEC));
+    return path;
 }
 
 bool Store(const uint8_t* bytes, size_t length)
 {
-    const int fd = Scratch().fd;
-    if (fd < 0 || ftruncate(fd, 0) != 0) {
-        return false;
-    }
-    size_t done = 0;
-    while (done < length) {
-        ssize_t put = pwrite(fd, bytes + done, length - done, static_cast<off_t>(done));
-        if (put <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(put);
-    }
-    return true;
+    std::ofstream file(ScratchPath(), std::ios::binary | std::ios::trunc);
+    file.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(length));
+    return file.good();
 }
 
 // A refused file leaves an error line that names it.
@@ -58,7 +42,7 @@ bool FaultNamed(const std::string& path)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t length)
 {
     Stavik::Fuzz::Require(Store(bytes, length));
-    const std::string& path = Scratch().path;
+    const std::string& path = ScratchPath();
     std::vector<ApplicationManifest> apps;
     Stavik::LogCapture::Begin();
     ManifestResult result = ReadManifestFile(path, {}, apps);

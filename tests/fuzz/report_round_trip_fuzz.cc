@@ -2,7 +2,7 @@
 
 #include "channel/serialization.h"
 #include "client/report_reader.h"
-#include "record_input.h"
+#include "fuzz_support.h"
 
 using namespace Stavik;
 

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "record_input.h"
+#include "fuzz_support.h"
 #include "resource/sys_operator.h"
 #include "resource/sys_operator_msg.h"
 

@@ -1,7 +1,7 @@
 #include <sstream>
 
 #include "channel/serialization.h"
-#include "record_input.h"
+#include "fuzz_support.h"
 
 using namespace Stavik;
 

@@ -1,7 +1,7 @@
 #include <cstring>
 
 #include "channel/serialization_upload.h"
-#include "record_input.h"
+#include "fuzz_support.h"
 
 using namespace SkUpload;
 

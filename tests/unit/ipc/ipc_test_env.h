@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <filesystem>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,7 +13,6 @@
 
 namespace IpcTest {
 
-using IpcShared::SendPatiently;
 using IpcShared::SeqMessage;
 using Peer = std::unique_ptr<Stavik::Test::DaemonProcess>;
 using Stavik::Test::WaitUntil;
@@ -53,11 +50,6 @@ inline std::string Rpc(int32_t fd, const std::string& text, uint32_t timeoutMs =
     TubixResponse resp{0, answer, sizeof(answer)};
     int32_t rc = TubixTimedRPCSync(fd, &req, &resp, timeoutMs);
     return rc != 0 ? "rc=" + std::to_string(rc) : std::string(answer, resp.size);
-}
-
-inline size_t CountEntries(const char* dir)
-{
-    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir), {}));
 }
 
 } // namespace IpcTest

@@ -7,7 +7,9 @@ namespace {
 
 using KvsTest = ManifestFixture;
 
-TEST_F(KvsTest, GroupsAreWalkedWithTheirKeys)
+// Groups and lists as the sharepool settings have them, and values of the wrong
+// type, which read as empty values.
+TEST_F(KvsTest, GroupsListsAndWrongTypes)
 {
     std::string path = Write("groups.yaml", R"(sharepool_groups:
   - GROUP_A:
@@ -19,60 +21,34 @@ admin_pro_lists: [app1, app2]
 by_map:
   G1: {mem_size: 18446744073709551615}
   G2: {mem_size: -1}
+watch_dog: {enable: false, timeout: 12a, action: 1, flags: [yes, maybe]}
 )");
     KvsTypeYaml root;
     ASSERT_TRUE(root.InitYamlNode(path));
     EXPECT_EQ(root.GetKey(), "");
-    KvsTypeYaml groups;
-    ASSERT_TRUE(root.GetSubKvs("sharepool_groups", groups));
-    EXPECT_EQ(groups.GetKey(), "sharepool_groups");
-    std::vector<KvsTypeYaml> items;
-    ASSERT_TRUE(groups.GetArray(items));
-    ASSERT_EQ(items.size(), 3u);
     std::vector<std::string> keys;
     std::vector<uint64_t> sizes;
-    for (const KvsTypeYaml& item : items) {
-        KvsTypeYaml size;
-        keys.push_back(item.GetKey());
-        sizes.push_back(item.GetSubKvs("mem_size", size) ? size.GetUint64() : 77);
+    for (const char* groupsKey : {"sharepool_groups", "by_map"}) {
+        KvsTypeYaml groups;
+        std::vector<KvsTypeYaml> items;
+        ASSERT_TRUE(root.GetSubKvs(groupsKey, groups) && groups.GetArray(items));
+        EXPECT_EQ(groups.GetKey(), groupsKey);
+        for (const KvsTypeYaml& item : items) {
+            KvsTypeYaml size;
+            keys.push_back(item.GetKey());
+            sizes.push_back(item.GetSubKvs("mem_size", size) ? size.GetUint64() : 77);
+        }
     }
-    EXPECT_EQ(keys, (std::vector<std::string>{"GROUP_A", "GROUP_B", "GROUP_C"}));
-    EXPECT_EQ(sizes, (std::vector<uint64_t>{1024, 0, 77}));
-
-    KvsTypeYaml byMap;
-    ASSERT_TRUE(root.GetSubKvs("by_map", byMap));
-    ASSERT_TRUE(byMap.GetArray(items));
-    ASSERT_EQ(items.size(), 2u);
-    KvsTypeYaml size;
-    EXPECT_EQ(items[0].GetKey(), "G1");
-    ASSERT_TRUE(items[0].GetSubKvs("mem_size", size));
-    EXPECT_EQ(size.GetUint64(), UINT64_MAX);
-    EXPECT_EQ(items[1].GetKey(), "G2");
-    ASSERT_TRUE(items[1].GetSubKvs("mem_size", size));
-    EXPECT_EQ(size.GetUint64(), 0u);
-
-    KvsTypeYaml admins;
-    ASSERT_TRUE(root.GetSubKvs("admin_pro_lists", admins));
-    EXPECT_EQ(admins.GetSequenceString(), (std::vector<std::string>{"app1", "app2"}));
-    KvsTypeYaml missing;
-    EXPECT_FALSE(root.GetSubKvs("add_all_groups_white_lists", missing));
-}
-
-TEST_F(KvsTest, WrongTypesReadAsEmptyValues)
-{
-    std::string path = Write("cfg.yaml", R"(watch_dog:
-  enable: false
-  timeout: 12a
-  action: 1
-skupload:
-  enable: yes
-  mode: maybe
-)");
-    KvsTypeYaml root;
-    ASSERT_TRUE(root.InitYamlNode(path));
-    KvsTypeYaml watchDog;
+    EXPECT_EQ(keys, (std::vector<std::string>{"GROUP_A", "GROUP_B", "GROUP_C", "G1", "G2"}));
+    EXPECT_EQ(sizes, (std::vector<uint64_t>{1024, 0, 77, UINT64_MAX, 0}));
     KvsTypeYaml value;
+    ASSERT_TRUE(root.GetSubKvs("admin_pro_lists", value));
+    EXPECT_EQ(value.GetSequenceString(), (std::vector<std::string>{"app1", "app2"}));
+    EXPECT_FALSE(root.GetSubKvs("add_all_groups_white_lists", value));
+
+    KvsTypeYaml watchDog;
     ASSERT_TRUE(root.GetSubKvs("watch_dog", watchDog));
+    EXPECT_TRUE(watchDog.GetString().empty() && !watchDog.GetBool() && watchDog.GetUint64() == 0);
     ASSERT_TRUE(watchDog.GetSubKvs("enable", value));
     EXPECT_FALSE(value.GetBool());
     ASSERT_TRUE(watchDog.GetSubKvs("timeout", value));
@@ -83,19 +59,12 @@ skupload:
     EXPECT_FALSE(value.GetArray(items));
     EXPECT_TRUE(items.empty());
     ASSERT_TRUE(watchDog.GetSubKvs("action", value));
-    EXPECT_EQ(value.GetString(), "1");
     EXPECT_EQ(value.GetUint64(), 1u);
     EXPECT_TRUE(value.GetSequenceString().empty());
-
-    KvsTypeYaml upload;
-    ASSERT_TRUE(root.GetSubKvs("skupload", upload));
-    EXPECT_EQ(upload.GetString(), "");
-    EXPECT_FALSE(upload.GetBool());
-    EXPECT_EQ(upload.GetUint64(), 0u);
-    ASSERT_TRUE(upload.GetSubKvs("enable", value));
-    EXPECT_TRUE(value.GetBool());
-    ASSERT_TRUE(upload.GetSubKvs("mode", value));
-    EXPECT_FALSE(value.GetBool());
+    ASSERT_TRUE(watchDog.GetSubKvs("flags", value) && value.GetArray(items));
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_TRUE(items[0].GetBool());
+    EXPECT_FALSE(items[1].GetBool());
 }
 
 TEST_F(KvsTest, BadFilesFailAndViewsOutliveTheirRoot)

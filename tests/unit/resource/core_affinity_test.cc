@@ -1,8 +1,5 @@
 // The cpuset.cpus reader and the bookkeeping of bound threads.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -36,38 +33,15 @@ TEST(CpusetCpus, ListForms)
     EXPECT_TRUE(ReadCpusetCpus(box.Path("/none")).empty());
 }
 
-// Ends the probe however the test ends: a probe left running would hold the
-// test's output open and stall the whole run until its timeout.
-class ProbeProcess {
-public:
-    explicit ProbeProcess(pid_t pid) : pid_(pid) {}
-    ~ProbeProcess() { Stop(); }
-    void Stop()
-    {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-            pid_ = 0;
-        }
-    }
-
-private:
-    pid_t pid_;
-};
-
 TEST(ThreadBookkeeping, ReusedIdsAndRecycling)
 {
     // A process of three workers; no CPU lists, so each bind fails for want of
     // control CPUs and the entry stays.
-    const std::string probe = Stavik::Test::BuiltProgram("tests/probe_child");
-    pid_t child = fork();
-    if (child == 0) {
-        execl(probe.c_str(), probe.c_str(), "--threads", "3", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    ASSERT_GT(child, 0);
-    ProbeProcess guard(child);
-    const uint32_t pid = static_cast<uint32_t>(child);
+    // The probe ends however the test ends: one left running would hold the
+    // test's output open and stall the whole run until its timeout.
+    Stavik::Test::DaemonProcess probe(Stavik::Test::BuiltProgram("tests/probe_child"), {"--threads", "3"}, {});
+    ASSERT_GT(probe.Pid(), 0);
+    const uint32_t pid = static_cast<uint32_t>(probe.Pid());
     ThreadCoreInfo stored;
     stored.pid = pid;
     strncpy(stored.threadName, "probe_worker", THREAD_NAME_SIZE);
@@ -99,7 +73,7 @@ TEST(ThreadBookkeeping, ReusedIdsAndRecycling)
     mgr.RecycleThreadCoreInfo(pid + 1, "nobody");
     mgr.RecycleDeadThreads();
     EXPECT_EQ(tids.size() - 1, mgr.StoredThreadCount());
-    guard.Stop();
+    probe.KillGroup();
     mgr.RecycleDeadThreads();
     EXPECT_EQ(0u, mgr.StoredThreadCount());
 }

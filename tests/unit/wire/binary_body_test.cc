@@ -30,9 +30,7 @@ TEST_F(BinaryBodyTest, QueryBodyIsReadWithinItsSize)
     EXPECT_EQ(names, (std::vector<std::string>{"appA", "", "b"}));
 
     // A size past the data is taken as the data: the body is still read.
-    RequestMsg huge = QueryRecord(good);
-    huge.size = UINT64_MAX;
-    EXPECT_TRUE(Serialization::ReadQueryAppStateBody(huge, names));
+    EXPECT_TRUE(Serialization::ReadQueryAppStateBody(WireTest::WithSize(QueryRecord(good), UINT64_MAX), names));
     EXPECT_EQ(names.size(), 3u);
 
     EXPECT_TRUE(Serialization::ReadQueryAppStateBody(QueryRecord(Word(0)), names));
@@ -42,21 +40,13 @@ TEST_F(BinaryBodyTest, QueryBodyIsReadWithinItsSize)
 
 TEST_F(BinaryBodyTest, BadQueryBodiesLogAndGiveAnEmptyList)
 {
-    RequestMsg shortBody = QueryRecord(Word(1) + Word(1) + "a");
+    const RequestMsg shortBody = QueryRecord(Word(1) + Word(1) + "a");
     const std::vector<std::pair<std::string, RequestMsg>> cases = {
-        {"size 3", [&] {
-             RequestMsg msg = shortBody;
-             msg.size = 3;
-             return msg;
-         }()},
+        {"size 3", WireTest::WithSize(shortBody, 3)},
         {"size 0", QueryRecord("")},
         {"count above size", QueryRecord(Word(5) + "abcd")},
         {"length word cut", QueryRecord(Word(2) + Word(1) + "a" + "xy")},
-        {"name cut", [&] {
-             RequestMsg msg = shortBody;
-             msg.size -= 1;
-             return msg;
-         }()},
+        {"name cut", WireTest::WithSize(shortBody, shortBody.size - 1)},
         {"length past the data", QueryRecord(Word(1) + Word(0xFFFFFFFF) + "a")},
     };
     for (const auto& testCase : cases) {

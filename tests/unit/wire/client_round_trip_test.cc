@@ -87,7 +87,7 @@ TEST_F(ClientRoundTripTest, OtherRequestBodies)
     std::vector<TermAppInfo> terms;
     Serialization::StavikUnpackTermRequest(msg, terms);
     ASSERT_EQ(terms.size(), 3u);
-    EXPECT_EQ(terms[2].appName, "c d");
+    EXPECT_EQ(terms[0].appName + "/" + terms[1].appName + "/" + terms[2].appName, "a//c d");
 
     ASSERT_TRUE(Client::PackBaseServiceStateRequest({3}, msg, error));
     EXPECT_EQ(Body(msg), "1#3#");
@@ -203,13 +203,9 @@ TEST_F(ClientRoundTripTest, DetailStatusRoundTripAndBadReports)
     ASSERT_TRUE(Client::ReadAppDetailStatus(msg, read, error)) << error;
     EXPECT_EQ(read, sent);
 
-    RequestMsg cut = msg;
-    cut.size -= 1;
-    EXPECT_FALSE(Client::ReadAppDetailStatus(cut, read, error));
+    EXPECT_FALSE(Client::ReadAppDetailStatus(WireTest::WithSize(msg, msg.size - 1), read, error));
     EXPECT_TRUE(read.empty());
-    RequestMsg huge = msg;
-    huge.size = UINT64_MAX;
-    EXPECT_FALSE(Client::ReadAppDetailStatus(huge, read, error));
+    EXPECT_FALSE(Client::ReadAppDetailStatus(WireTest::WithSize(msg, UINT64_MAX), read, error));
 
     using WireTest::TextRecord;
     const std::vector<RequestMsg> badReports = {

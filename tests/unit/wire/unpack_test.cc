@@ -12,99 +12,98 @@ using Message::StartAppInfo;
 using Message::TermAppInfo;
 using WireTest::TextRecord;
 
-const std::string EXAMPLE_BODY = "2#appA#0#0#appB#1#-v#1#2#1#x#";
-
 class UnpackTest : public WireTest::LoggedTest {};
 
-std::vector<StartAppInfo> UnpackStart(const std::string& body, const std::string& owner)
+// Every member of each entry, as "name:argv,...:slot=value,...".
+template <typename AppInfo>
+std::vector<std::string> Rendered(const std::vector<AppInfo>& apps)
 {
-    std::vector<StartAppInfo> apps;
-    Serialization::StavikUnpackStartRequest(TextRecord(Message::START_APP, body), apps, owner);
-    return apps;
+    std::vector<std::string> texts;
+    for (const AppInfo& app : apps) {
+        std::string text = app.appName + ":";
+        for (const std::string& arg : app.argv) {
+            text += arg + ",";
+        }
+        for (const auto& slot : app.dynamicPara) {
+            text += ":" + std::to_string(slot.first) + "=";
+            for (const std::string& value : slot.second) {
+                text += value + ",";
+            }
+        }
+        texts.push_back(text);
+    }
+    return texts;
 }
 
-std::vector<std::string> Names(const std::vector<StartAppInfo>& apps)
+// The entries of a start, restart or term body as the given owner sent it.
+std::vector<std::string> Unpacked(uint32_t type, const std::string& body, const std::string& owner)
 {
+    if (type == Message::START_APP) {
+        std::vector<StartAppInfo> starts;
+        Serialization::StavikUnpackStartRequest(TextRecord(type, body), starts, owner);
+        return Rendered(starts);
+    }
+    if (type == Message::RESTART_APP) {
+        std::vector<RestartAppInfo> restarts;
+        Serialization::StavikUnpackRestartRequest(TextRecord(type, body), restarts, owner);
+        return Rendered(restarts);
+    }
+    std::vector<TermAppInfo> terms;
+    Serialization::StavikUnpackTermRequest(TextRecord(type, body), terms);
     std::vector<std::string> names;
-    for (const StartAppInfo& app : apps) {
-        names.push_back(app.appName);
+    for (const TermAppInfo& term : terms) {
+        names.push_back(term.appName);
     }
     return names;
 }
 
-TEST_F(UnpackTest, ExampleBodyOfAnOwnerOtherThanZulmgr)
+TEST_F(UnpackTest, ListBodiesByDialectWithTheirLimits)
 {
-    std::vector<StartAppInfo> apps = UnpackStart(EXAMPLE_BODY, "owner");
-    ASSERT_EQ(apps.size(), 2u);
-    EXPECT_EQ(apps[0].appName, "appA");
-    EXPECT_TRUE(apps[0].argv.empty());
-    EXPECT_TRUE(apps[0].dynamicPara.empty());
-    EXPECT_EQ(apps[1].appName, "appB");
-    EXPECT_EQ(apps[1].argv, std::vector<std::string>{"-v"});
-    EXPECT_EQ(apps[1].dynamicPara, (DynamicParaMap{{2, {"x"}}}));
-
-    std::vector<RestartAppInfo> restarts;
-    Serialization::StavikUnpackRestartRequest(TextRecord(Message::RESTART_APP, EXAMPLE_BODY), restarts, "owner");
-    ASSERT_EQ(restarts.size(), 2u);
-    EXPECT_EQ(restarts[1].dynamicPara, (DynamicParaMap{{2, {"x"}}}));
-    ExpectNoLine();
-}
-
-TEST_F(UnpackTest, DialectFollowsTheOwnerName)
-{
+    const std::string example = "2#appA#0#0#appB#1#-v#1#2#1#x#";
     const std::string zulBody = "2#appA#0#appB#1#-v#";
-    std::vector<StartAppInfo> apps = UnpackStart(zulBody, "zulmgr");
-    EXPECT_EQ(Names(apps), (std::vector<std::string>{"appA", "appB"}));
-    EXPECT_EQ(apps[1].argv, std::vector<std::string>{"-v"});
+    struct Row {
+        uint32_t type;
+        const char* owner;
+        std::string body;
+        std::vector<std::string> entries;
+        std::string error;  // the one error line after the master's prefix, or none
+    };
+    const Row rows[] = {
+        {Message::START_APP, "owner", example, {"appA:", "appB:-v,:2=x,"}, ""},
+        {Message::RESTART_APP, "owner", example, {"appA:", "appB:-v,:2=x,"}, ""},
+        {Message::START_APP, "zulmgr", zulBody, {"appA:", "appB:-v,"}, ""},
+        // Another owner takes "appB" for the size of the dynamic block: the
+        // stream fails and the second entry stays empty.
+        {Message::START_APP, "owner", zulBody, {"appA:", ":"}, ""},
+        // And "zulmgr" reads the example's dynamic block size as the next name.
+        {Message::START_APP, "zulmgr", example, {"appA:", "0:"}, ""},
+        {Message::START_APP, "owner", "2000#a#0#0#", {}, "UnpackStartRequest err: big startAppListSize=2000"},
+        {Message::RESTART_APP, "owner", "4294967295#", {},
+         "UnpackRestartRequest err: big restartAppListSize=4294967295"},
+        {Message::TERM_APP, "owner", "2000#a#", {}, "UnpackTermRequest err: big AppListSize=2000"},
+        // An oversize argv skips to the next entry where the stream stands.
+        {Message::START_APP, "owner", "2#a#1025#b#0#0#", {"a:", "b:"}, ": UnpackStartRequest err, argvSize=1025"},
+        {Message::RESTART_APP, "zulmgr", "1#a#1025#", {"a:"}, ": UnpackRestartRequest err, argvSize=1025"},
+        // A bad dynamic block stops the unpack with empty entries behind.
+        {Message::START_APP, "owner", "3#a#0#1#3#1#x#b#0#0#c#0#0#", {"a:", ":", ":"},
+         "unpack request failed, dynamicPara index=3 invalid"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.owner) + " " + row.body);
+        EXPECT_EQ(Unpacked(row.type, row.body, row.owner), row.entries);
+        if (row.error.empty()) {
+            ExpectNoLine();
+        } else {
+            ExpectOneLine(LOG_ERR, "Stavik : StavikMaster " + row.error);
+        }
+    }
 
-    // Another owner takes "appB" for the size of the dynamic block: the stream
-    // fails and the second entry stays empty.
-    apps = UnpackStart(zulBody, "owner");
-    EXPECT_EQ(Names(apps), (std::vector<std::string>{"appA", ""}));
-
-    // And "zulmgr" reads the example body's dynamic block size as the next name.
-    apps = UnpackStart(EXAMPLE_BODY, "zulmgr");
-    EXPECT_EQ(Names(apps), (std::vector<std::string>{"appA", "0"}));
-    EXPECT_TRUE(apps[1].argv.empty());
-    ExpectNoLine();
-}
-
-TEST_F(UnpackTest, EntryCountLimits)
-{
-    EXPECT_TRUE(UnpackStart("2000#a#0#0#", "owner").empty());
-    ExpectOneLine(LOG_ERR, "Stavik : StavikMaster UnpackStartRequest err: big startAppListSize=2000");
-
-    std::vector<RestartAppInfo> restarts;
-    Serialization::StavikUnpackRestartRequest(TextRecord(Message::RESTART_APP, "4294967295#"), restarts, "owner");
-    EXPECT_TRUE(restarts.empty());
-    ExpectOneLine(LOG_ERR, "Stavik : StavikMaster UnpackRestartRequest err: big restartAppListSize=4294967295");
-
-    std::vector<TermAppInfo> terms;
-    Serialization::StavikUnpackTermRequest(TextRecord(Message::TERM_APP, "2000#a#"), terms);
-    EXPECT_TRUE(terms.empty());
-    ExpectOneLine(LOG_ERR, "Stavik : StavikMaster UnpackTermRequest err: big AppListSize=2000");
-
-    // A space inside a name survives and an empty name is legal.
-    Serialization::StavikUnpackTermRequest(TextRecord(Message::TERM_APP, "1999#a b##c#"), terms);
+    // A space inside a name survives and an empty name is legal, up to 1999 entries.
+    std::vector<std::string> terms = Unpacked(Message::TERM_APP, "1999#a b##c#", "owner");
     ASSERT_EQ(terms.size(), 1999u);
-    EXPECT_EQ(terms[0].appName, "a b");
-    EXPECT_EQ(terms[1].appName, "");
-    EXPECT_EQ(terms[2].appName, "c");
-    EXPECT_EQ(terms[1998].appName, "");
+    EXPECT_EQ(std::vector<std::string>(terms.begin(), terms.begin() + 3), (std::vector<std::string>{"a b", "", "c"}));
+    EXPECT_EQ(terms[1998], "");
     ExpectNoLine();
-}
-
-TEST_F(UnpackTest, OversizeArgvSkipsToTheNextEntryWhereTheStreamStands)
-{
-    std::vector<StartAppInfo> apps = UnpackStart("2#a#1025#b#0#0#", "owner");
-    EXPECT_EQ(Names(apps), (std::vector<std::string>{"a", "b"}));
-    EXPECT_TRUE(apps[0].argv.empty());
-    ExpectOneLine(LOG_ERR, "Stavik : StavikMaster : UnpackStartRequest err, argvSize=1025");
-
-    std::vector<RestartAppInfo> restarts;
-    Serialization::StavikUnpackRestartRequest(TextRecord(Message::RESTART_APP, "1#a#1025#"), restarts, "zulmgr");
-    ASSERT_EQ(restarts.size(), 1u);
-    ExpectOneLine(LOG_ERR, "Stavik : StavikMaster : UnpackRestartRequest err, argvSize=1025");
 }
 
 TEST_F(UnpackTest, DynamicParaBounds)
@@ -131,13 +130,6 @@ TEST_F(UnpackTest, DynamicParaBounds)
     std::istringstream badValueNum("1#-2#1025#");
     EXPECT_FALSE(Serialization::UnPackDynamicPara(badValueNum, para));
     ExpectOneLine(LOG_ERR, "Stavik : StavikMaster unpack request failed, dynamicPara index=-2, valueNum=1025 invalid");
-}
-
-TEST_F(UnpackTest, BadDynamicBlockStopsTheUnpackWithEmptyNamesBehind)
-{
-    std::vector<StartAppInfo> apps = UnpackStart("3#a#0#1#3#1#x#b#0#0#c#0#0#", "owner");
-    EXPECT_EQ(Names(apps), (std::vector<std::string>{"a", "", ""}));
-    ExpectOneLine(LOG_ERR, "Stavik : StavikMaster unpack request failed, dynamicPara index=3 invalid");
 }
 
 TEST_F(UnpackTest, SingleRecordBodies)

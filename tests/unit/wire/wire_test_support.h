@@ -25,6 +25,12 @@ inline Message::RequestMsg TextRecord(uint32_t type, const std::string& body)
     return msg;
 }
 
+inline Message::RequestMsg WithSize(Message::RequestMsg msg, uint64_t size)
+{
+    msg.size = size;
+    return msg;
+}
+
 inline std::string Body(const Message::RequestMsg& msg)
 {
     return std::string(msg.data, Message::BodySize(msg));
