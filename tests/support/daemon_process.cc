@@ -33,18 +33,12 @@ std::string LogText(const std::string& line)
     return std::regex_search(line, match, prefix) ? match.suffix().str() : line;
 }
 
-std::map<std::string, std::string> SandboxEnv(const Sandbox& sandbox)
-{
-    return {{"STAVIK_SYSROOT", sandbox.Root()}, {"STAVIK_LOG_STDERR", "1"}, {"TUBIX_DIR", sandbox.TubixDir()}};
-}
-
+// The daemon in this sandbox: its root, its IPC directory, a log copy to stderr.
 DaemonProcess::DaemonProcess(const Sandbox& sandbox, const std::vector<std::string>& args,
                              const std::map<std::string, std::string>& extraEnv)
 {
-    std::map<std::string, std::string> env = SandboxEnv(sandbox);
-    for (const auto& entry : extraEnv) {
-        env[entry.first] = entry.second;
-    }
+    std::map<std::string, std::string> env = extraEnv;
+    env.insert({{"STAVIK_SYSROOT", sandbox.Root()}, {"STAVIK_LOG_STDERR", "1"}, {"TUBIX_DIR", sandbox.TubixDir()}});
     Start(BuiltProgram("stavik-daemon"), args, env);
 }
 

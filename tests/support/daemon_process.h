@@ -79,9 +79,6 @@ private:
     std::thread reader_;
 };
 
-// Environment for a daemon in this sandbox: root, IPC dir, log copy to stderr.
-std::map<std::string, std::string> SandboxEnv(const Sandbox& sandbox);
-
 } // namespace Test
 } // namespace Stavik
 

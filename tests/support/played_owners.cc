@@ -34,13 +34,6 @@ PlayedOwners::PlayedOwners(const Sandbox& sandbox, const std::vector<std::string
     }
 }
 
-std::unique_ptr<DaemonProcess> QuietDaemon(const Sandbox& sandbox, const std::vector<std::string>& args)
-{
-    std::vector<std::string> shellArgs = {"-c", "exec \"$0\" \"$@\" >/dev/null", BuiltProgram("stavik-daemon")};
-    shellArgs.insert(shellArgs.end(), args.begin(), args.end());
-    return std::make_unique<DaemonProcess>("/bin/sh", shellArgs, SandboxEnv(sandbox));
-}
-
 bool ReportRunning(OwnerSession& owner)
 {
     return owner.WaitForDaemon(OWNER_WAIT_MS) && owner.SendState(Message::BaseServiceStateType::RUNNING);

@@ -36,10 +36,6 @@ private:
     std::string error_;
 };
 
-// The daemon in the sandbox with its standard output, which every child
-// inherits, thrown away: owner tools among the children print their events there.
-std::unique_ptr<DaemonProcess> QuietDaemon(const Sandbox& sandbox, const std::vector<std::string>& args);
-
 // Waits for the daemon's pipe and tells it that the service runs.
 bool ReportRunning(OwnerSession& owner);
 // Loads the owner's start-up file; false (and the reason in LastError) when the call failed.
