@@ -87,6 +87,8 @@ TEST(FaultsRun, DeathsAndSilencesOfNamedServicesRaiseAndClearTheirFaultsOnEveryD
     long death = daemon.IndexOfExact("STAVIK: CheckThread : owner=zulmgr, pid=" + std::to_string(zulPid) +
                                      ", state=TERMINATED unexpectedly terminated.");
     for (int device = 0; device < 2; ++device) {
+        // The node file is written before the line reaches the log.
+        EXPECT_TRUE(daemon.WaitForExact(EventLine("zulmgr", device, 0), WAIT_MS)) << device;
         EXPECT_EQ(1u, daemon.CountExact(EventLine("zulmgr", device, 1))) << device;
         EXPECT_EQ(1u, daemon.CountExact(EventLine("zulmgr", device, 0))) << device;
         EXPECT_LT(death, daemon.IndexOf(EventLine("zulmgr", device, 1)));
