@@ -5,8 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cstring>
+#include <regex>
 
 extern char** environ;
 
@@ -25,20 +26,19 @@ bool WaitUntil(const std::function<bool()>& condition, int timeoutMs)
     return true;
 }
 
-std::map<std::string, std::string> SandboxEnv(const Sandbox& sandbox)
+std::string LogText(const std::string& line)
 {
-    return {{"STAVIK_SYSROOT", sandbox.Root()},
-            {"STAVIK_LOG_STDERR", "1"},
-            {"TUBIX_DIR", sandbox.TubixDir()}};
+    static const std::regex prefix(R"(^(kmsg )?STAVIK\[[0-9]+\] <[0-9]> )");
+    std::smatch match;
+    return std::regex_search(line, match, prefix) ? match.suffix().str() : line;
 }
 
+// The daemon in this sandbox: its root, its IPC directory, a log copy to stderr.
 DaemonProcess::DaemonProcess(const Sandbox& sandbox, const std::vector<std::string>& args,
                              const std::map<std::string, std::string>& extraEnv)
 {
-    std::map<std::string, std::string> env = SandboxEnv(sandbox);
-    for (const auto& entry : extraEnv) {
-        env[entry.first] = entry.second;
-    }
+    std::map<std::string, std::string> env = extraEnv;
+    env.insert({{"STAVIK_SYSROOT", sandbox.Root()}, {"STAVIK_LOG_STDERR", "1"}, {"TUBIX_DIR", sandbox.TubixDir()}});
     Start(BuiltProgram("stavik-daemon"), args, env);
 }
 
@@ -89,17 +89,11 @@ void DaemonProcess::Start(const std::string& program, const std::vector<std::str
 void DaemonProcess::ReadOutput(int fd)
 {
     char buffer[4096];
-    while (true) {
-        ssize_t length = read(fd, buffer, sizeof(buffer));
-        if (length <= 0) {
-            break;
-        }
+    for (ssize_t length; (length = read(fd, buffer, sizeof(buffer))) > 0;) {
         std::lock_guard<std::mutex> guard(mutex_);
         partial_.append(buffer, static_cast<size_t>(length));
-        size_t newline;
-        while ((newline = partial_.find('\n')) != std::string::npos) {
+        for (size_t newline; (newline = partial_.find('\n')) != std::string::npos; partial_.erase(0, newline + 1)) {
             lines_.push_back(partial_.substr(0, newline));
-            partial_.erase(0, newline + 1);
         }
     }
     close(fd);
@@ -130,45 +124,82 @@ std::string DaemonProcess::Log() const
 
 std::string DaemonProcess::WaitForLine(const std::string& text, int timeoutMs) const
 {
-    std::string found;
-    WaitUntil([&] {
-        for (const std::string& line : Lines()) {
-            if (line.find(text) != std::string::npos) {
-                found = line;
-                return true;
-            }
-        }
-        return false;
-    }, timeoutMs);
-    return found;
+    long at = -1;
+    WaitUntil([&] { return (at = IndexOf(text)) >= 0; }, timeoutMs);
+    return at < 0 ? "" : Lines()[static_cast<size_t>(at)];
 }
 
-size_t DaemonProcess::CountLines(const std::string& text) const
-{
-    size_t count = 0;
-    for (const std::string& line : Lines()) {
-        count += line.find(text) != std::string::npos ? 1 : 0;
-    }
-    return count;
-}
-
-long DaemonProcess::IndexOf(const std::string& text) const
+long DaemonProcess::Find(const std::function<bool(const std::string&)>& match, size_t n) const
 {
     std::vector<std::string> lines = Lines();
     for (size_t i = 0; i < lines.size(); ++i) {
-        if (lines[i].find(text) != std::string::npos) {
+        if (match(lines[i]) && n-- == 0) {
             return static_cast<long>(i);
         }
     }
     return -1;
 }
 
+size_t DaemonProcess::Count(const std::function<bool(const std::string&)>& match) const
+{
+    std::vector<std::string> lines = Lines();
+    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), match));
+}
+
+size_t DaemonProcess::CountLines(const std::string& text) const
+{
+    return Count([&](const std::string& line) { return line.find(text) != std::string::npos; });
+}
+
+long DaemonProcess::IndexOf(const std::string& text, size_t n) const
+{
+    return Find([&](const std::string& line) { return line.find(text) != std::string::npos; }, n);
+}
+
+long DaemonProcess::IndexOfExact(const std::string& text) const
+{
+    return Find([&](const std::string& line) { return LogText(line) == text; }, 0);
+}
+
+size_t DaemonProcess::CountExact(const std::string& text) const
+{
+    return Count([&](const std::string& line) { return LogText(line) == text; });
+}
+
+bool DaemonProcess::WaitForExact(const std::string& text, int timeoutMs) const
+{
+    return WaitUntil([&] { return IndexOfExact(text) >= 0; }, timeoutMs);
+}
+
+std::vector<StartLine> DaemonProcess::Starts(const std::string& kind) const
+{
+    const std::regex form(kind + " appName=([^,]*), (binPath=([^,]*), )?(child_)?pid=(-?[0-9]+)");
+    std::vector<StartLine> starts;
+    std::vector<std::string> lines = Lines();
+    for (size_t i = 0; i < lines.size(); ++i) {
+        std::smatch match;
+        if (std::regex_search(lines[i], match, form)) {
+            starts.push_back({match[1], match[3], static_cast<pid_t>(std::stol(match[5])), static_cast<long>(i)});
+        }
+    }
+    return starts;
+}
+
+std::vector<pid_t> DaemonProcess::StartedPids(const std::string& name) const
+{
+    std::vector<pid_t> pids;
+    for (const StartLine& start : Starts()) {
+        if (start.name == name) {
+            pids.push_back(start.pid);
+        }
+    }
+    return pids;
+}
+
 int DaemonProcess::WaitExit(int timeoutMs)
 {
     WaitUntil([&] {
-        if (!reaped_ && pid_ > 0 && waitpid(pid_, &exitStatus_, WNOHANG) == pid_) {
-            reaped_ = true;
-        }
+        reaped_ = reaped_ || (pid_ > 0 && waitpid(pid_, &exitStatus_, WNOHANG) == pid_);
         return reaped_;
     }, timeoutMs);
     return reaped_ ? exitStatus_ : -1000;

@@ -18,6 +18,18 @@ namespace Test {
 // Polls a condition until it holds or the time is up; bounded, never a fixed sleep.
 bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 10000);
 
+// The text of a daemon log line behind "STAVIK[pid] <level> "; the line itself
+// when it has no such prefix (a child's own output).
+std::string LogText(const std::string& line);
+
+// A "<kind> appName=NAME, [binPath=PATH, ]pid=PID" (or child_pid=) line of the daemon's log.
+struct StartLine {
+    std::string name;
+    std::string binPath;
+    pid_t pid = 0;
+    long index = -1;
+};
+
 // A real daemon process (or any program) in its own process group, with its
 // standard error collected line by line. Killed with its whole group at the end.
 class DaemonProcess {
@@ -36,8 +48,16 @@ public:
     // First line holding text, waiting for it up to timeoutMs; "" when none came.
     std::string WaitForLine(const std::string& text, int timeoutMs = 10000) const;
     size_t CountLines(const std::string& text) const;
-    // Index of the first line holding text, or -1.
-    long IndexOf(const std::string& text) const;
+    // Index of the n-th line (from 0) holding text, or -1.
+    long IndexOf(const std::string& text, size_t n = 0) const;
+    // The same for lines whose LogText is exactly text.
+    long IndexOfExact(const std::string& text) const;
+    size_t CountExact(const std::string& text) const;
+    bool WaitForExact(const std::string& text, int timeoutMs = 20000) const;
+    // The start lines of one kind ("Start baseApp success", ...), in log order.
+    std::vector<StartLine> Starts(const std::string& kind = "Start baseApp success") const;
+    // The pids of the base-service starts of name.
+    std::vector<pid_t> StartedPids(const std::string& name) const;
     // Exit status of the process, waiting up to timeoutMs; -1000 if it still runs.
     int WaitExit(int timeoutMs = 10000);
     void Signal(int signal) const;
@@ -47,6 +67,8 @@ private:
     void Start(const std::string& program, const std::vector<std::string>& args,
                const std::map<std::string, std::string>& env);
     void ReadOutput(int fd);
+    long Find(const std::function<bool(const std::string&)>& match, size_t n) const;
+    size_t Count(const std::function<bool(const std::string&)>& match) const;
 
     pid_t pid_ = -1;
     bool reaped_ = false;
@@ -56,9 +78,6 @@ private:
     std::string partial_;
     std::thread reader_;
 };
-
-// Environment for a daemon in this sandbox: root, IPC dir, log copy to stderr.
-std::map<std::string, std::string> SandboxEnv(const Sandbox& sandbox);
 
 } // namespace Test
 } // namespace Stavik

@@ -1,14 +1,26 @@
 #include "tests/support/played_owners.h"
 
+#include <dirent.h>
+
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
-#include <regex>
-
-#include "tests/support/service_manifest.h"
+#include <sstream>
 
 namespace Stavik {
 namespace Test {
+namespace {
+
+// The state letter and the parent of a process: the fields behind the
+// command name, which may hold blanks.
+bool ReadStat(const std::string& pidText, char& state, pid_t& ppid)
+{
+    std::string stat = ReadWholeFile("/proc/" + pidText + "/stat");
+    size_t close = stat.rfind(')');
+    std::istringstream rest(close == std::string::npos ? "" : stat.substr(close + 1));
+    return static_cast<bool>(rest >> state >> ppid);
+}
+
+} // namespace
 
 PlayedOwners::PlayedOwners(const Sandbox& sandbox, const std::vector<std::string>& names)
 {
@@ -22,27 +34,23 @@ PlayedOwners::PlayedOwners(const Sandbox& sandbox, const std::vector<std::string
     }
 }
 
-std::unique_ptr<DaemonProcess> QuietDaemon(const Sandbox& sandbox, const std::vector<std::string>& args)
-{
-    std::vector<std::string> shellArgs = {"-c", "exec \"$0\" \"$@\" >/dev/null", BuiltProgram("stavik-daemon")};
-    shellArgs.insert(shellArgs.end(), args.begin(), args.end());
-    return std::make_unique<DaemonProcess>("/bin/sh", shellArgs, SandboxEnv(sandbox));
-}
-
 bool ReportRunning(OwnerSession& owner)
 {
     return owner.WaitForDaemon(OWNER_WAIT_MS) && owner.SendState(Message::BaseServiceStateType::RUNNING);
+}
+
+bool LoadStartup(OwnerSession& owner)
+{
+    std::string answer;
+    return owner.LoadStartupCfg(Message::StartupCfgInfo{{}, ""}, answer, OWNER_WAIT_MS);
 }
 
 std::vector<Message::AppStateInfo> EntriesOf(const OwnerSession& owner, const std::string& appName, size_t from)
 {
     std::vector<Message::AppStateInfo> entries;
     for (const Client::OwnerEvent& event : owner.Events()) {
-        if (event.index < from || event.kind != Client::OwnerEvent::Kind::REPORT) {
-            continue;
-        }
         for (const Message::AppStateInfo& app : event.apps) {
-            if (app.appName == appName) {
+            if (event.index >= from && event.kind == Client::OwnerEvent::Kind::REPORT && app.appName == appName) {
                 entries.push_back(app);
             }
         }
@@ -67,35 +75,6 @@ bool Barrier(OwnerSession& owner)
     return owner.SendTerm({name}) && owner.WaitForAppState(name, 3, OWNER_WAIT_MS, mark).has_value();
 }
 
-std::string RegexQuoted(const std::string& text)
-{
-    return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
-}
-
-std::vector<StartLine> StartLines(const DaemonProcess& daemon, const std::string& marker)
-{
-    const std::regex form(RegexQuoted(marker) + " appName=([^,]*), child_pid=(-?[0-9]+)");
-    std::vector<StartLine> lines;
-    std::vector<std::string> log = daemon.Lines();
-    for (size_t i = 0; i < log.size(); ++i) {
-        std::smatch match;
-        std::string text = LogText(log[i]);
-        if (std::regex_search(text, match, form)) {
-            lines.push_back({match[1], static_cast<pid_t>(std::stol(match[2])), static_cast<long>(i)});
-        }
-    }
-    return lines;
-}
-
-std::vector<std::string> NamesOf(const std::vector<StartLine>& lines)
-{
-    std::vector<std::string> names;
-    for (const StartLine& line : lines) {
-        names.push_back(line.name);
-    }
-    return names;
-}
-
 bool ProcessAlive(pid_t pid)
 {
     char state = ProcessState(pid);
@@ -106,18 +85,33 @@ bool IgnoresSignal(pid_t pid, int signal)
 {
     std::string status = ReadWholeFile("/proc/" + std::to_string(pid) + "/status");
     size_t at = status.find("SigIgn:");
-    if (at == std::string::npos) {
-        return false;
-    }
-    unsigned long long mask = std::stoull(status.substr(at + strlen("SigIgn:")), nullptr, 16);
-    return (mask >> (signal - 1) & 1ULL) != 0;
+    return at != std::string::npos && (std::stoull(status.substr(at + 7), nullptr, 16) >> (signal - 1) & 1ULL) != 0;
 }
 
 char ProcessState(pid_t pid)
 {
-    std::string stat = ReadWholeFile("/proc/" + std::to_string(pid) + "/stat");
-    size_t close = stat.rfind(')');
-    return close == std::string::npos || close + 2 >= stat.size() ? 0 : stat[close + 2];
+    char state = 0;
+    pid_t ppid = 0;
+    return ReadStat(std::to_string(pid), state, ppid) ? state : 0;
+}
+
+std::map<pid_t, char> ChildrenOf(pid_t parent)
+{
+    std::map<pid_t, char> children;
+    DIR* proc = opendir("/proc");
+    while (struct dirent* entry = proc == nullptr ? nullptr : readdir(proc)) {
+        char* end = nullptr;
+        long pid = strtol(entry->d_name, &end, 10);
+        char state = 0;
+        pid_t ppid = 0;
+        if (pid > 0 && *end == '\0' && ReadStat(entry->d_name, state, ppid) && ppid == parent) {
+            children[static_cast<pid_t>(pid)] = state;
+        }
+    }
+    if (proc != nullptr) {
+        closedir(proc);
+    }
+    return children;
 }
 
 } // namespace Test

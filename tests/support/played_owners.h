@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "client/owner_session.h"
-#include "tests/support/daemon_process.h"
+#include "tests/support/service_manifest.h"
 
 namespace Stavik {
 namespace Test {
@@ -36,40 +36,27 @@ private:
     std::string error_;
 };
 
-// The daemon in the sandbox with its standard output, which every child
-// inherits, thrown away: owner tools among the children print their events there.
-std::unique_ptr<DaemonProcess> QuietDaemon(const Sandbox& sandbox, const std::vector<std::string>& args);
-
 // Waits for the daemon's pipe and tells it that the service runs.
 bool ReportRunning(OwnerSession& owner);
+// Loads the owner's start-up file; false (and the reason in LastError) when the call failed.
+bool LoadStartup(OwnerSession& owner);
 
 // The entries of appName in REPORT events at or after `from`.
 std::vector<Message::AppStateInfo> EntriesOf(const OwnerSession& owner, const std::string& appName,
                                              size_t from = 0);
-
 std::vector<uint32_t> StatesOf(const std::vector<Message::AppStateInfo>& entries);
 
 // A term of a name nobody knows is answered at once, inside the request. Once
 // that answer is back, whatever the owner's earlier requests sent has arrived.
 bool Barrier(OwnerSession& owner);
 
-// The text as a regular expression that matches it literally.
-std::string RegexQuoted(const std::string& text);
-
-// A "... success appName=NAME, child_pid=PID" line of the daemon's log.
-struct StartLine {
-    std::string name;
-    pid_t pid = 0;
-    long index = -1;
-};
-// The lines holding `marker` followed by "appName=", in log order.
-std::vector<StartLine> StartLines(const DaemonProcess& daemon, const std::string& marker);
-std::vector<std::string> NamesOf(const std::vector<StartLine>& lines);
 bool ProcessAlive(pid_t pid);
 // Whether the process has set the signal to be ignored (SigIgn of its status).
 bool IgnoresSignal(pid_t pid, int signal);
 // The state letter of /proc/<pid>/stat, 0 when the process is gone.
 char ProcessState(pid_t pid);
+// Children of a process as /proc shows them: pid to state letter.
+std::map<pid_t, char> ChildrenOf(pid_t parent);
 
 } // namespace Test
 } // namespace Stavik

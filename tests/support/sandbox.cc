@@ -14,8 +14,7 @@ namespace Test {
 void MakeDirs(const std::string& path)
 {
     for (size_t slash = path.find('/', 1); ; slash = path.find('/', slash + 1)) {
-        std::string prefix = path.substr(0, slash);
-        mkdir(prefix.c_str(), 0755);
+        mkdir(path.substr(0, slash).c_str(), 0755);
         if (slash == std::string::npos) {
             break;
         }
@@ -31,9 +30,10 @@ Sandbox::Sandbox()
     root_ = pattern;
     // Children run under other users in some tests: they must reach files in here.
     chmod(root_.c_str(), 0755);
-    MakeDirs(root_ + "/dev");
-    MakeDirs(root_ + "/etc");
-    MakeDirs(root_ + "/sys/fs/cgroup");
+    for (const char* dir : {"/dev", "/etc", "/out", "/sys/fs/cgroup"}) {
+        MakeDirs(root_ + dir);
+    }
+    chmod(Path("/out").c_str(), 0777);
     MakeDirs(TubixDir());
     // Services of every user make their endpoints here, as in /run/tubix.
     chmod(TubixDir().c_str(), 01777);
@@ -41,22 +41,24 @@ Sandbox::Sandbox()
 
 Sandbox::~Sandbox()
 {
-    if (getenv("STAVIK_KEEP_SANDBOX") == nullptr && !root_.empty()) {
-        std::string command = "rm -rf '" + root_ + "'";
-        int ignored = system(command.c_str());
+    if (getenv("STAVIK_KEEP_SANDBOX") == nullptr) {
+        int ignored = system(("rm -rf '" + root_ + "'").c_str());
         (void)ignored;
     }
 }
 
-std::string Sandbox::WriteFile(const std::string& systemPath, const std::string& content) const
+std::string Sandbox::WriteFile(const std::string& systemPath, const std::string& content, mode_t mode) const
 {
     std::string path = Path(systemPath);
     MakeDirs(path.substr(0, path.rfind('/')));
-    std::ofstream out(path, std::ios::trunc);
-    out << content;
-    out.close();
-    chmod(path.c_str(), 0644);
+    std::ofstream(path, std::ios::trunc | std::ios::binary) << content;
+    chmod(path.c_str(), mode);
     return path;
+}
+
+std::string Sandbox::CopyProgram(const std::string& program, const std::string& systemPath, mode_t mode) const
+{
+    return WriteFile(systemPath, ReadWholeFile(program), mode);
 }
 
 std::string Sandbox::ReadFile(const std::string& systemPath) const
@@ -76,7 +78,7 @@ std::string BuiltProgram(const std::string& relativePath)
 
 std::string ReadWholeFile(const std::string& path)
 {
-    std::ifstream in(path);
+    std::ifstream in(path, std::ios::binary);
     std::stringstream content;
     content << in.rdbuf();
     return content.str();

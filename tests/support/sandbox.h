@@ -1,6 +1,8 @@
 #ifndef STAVIK_TESTS_SUPPORT_SANDBOX_H
 #define STAVIK_TESTS_SUPPORT_SANDBOX_H
 
+#include <sys/types.h>
+
 #include <string>
 
 namespace Stavik {
@@ -19,7 +21,9 @@ public:
     std::string Path(const std::string& systemPath) const { return root_ + systemPath; }
     std::string TubixDir() const { return root_ + "/run/tubix"; }
     // Writes a file under the root (parents created) and returns its full path.
-    std::string WriteFile(const std::string& systemPath, const std::string& content) const;
+    std::string WriteFile(const std::string& systemPath, const std::string& content, mode_t mode = 0644) const;
+    // Copies a program under the root and returns the full path.
+    std::string CopyProgram(const std::string& program, const std::string& systemPath, mode_t mode = 0755) const;
     std::string ReadFile(const std::string& systemPath) const;
     bool Exists(const std::string& systemPath) const;
 

@@ -1,5 +1,6 @@
 // The start of the base services by the real daemon in a sandbox root; the
 // services are probe children that record what they were given.
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/resource.h>
@@ -7,11 +8,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <regex>
+#include <set>
+#include <sstream>
 
-#include "tests/support/daemon_process.h"
-#include "tests/support/service_manifest.h"
+#include "tests/support/played_owners.h"
 
 namespace Stavik {
 namespace Test {
@@ -22,44 +23,41 @@ const uid_t NOBODY = 65534;
 const uid_t NO_SUCH_USER = 4242;
 const std::string SANDBOX_HOME = "/home/tester";
 const std::string PASSWD = "root:x:0:0:root:/root:/bin/sh\ntester:x:1000:1000:Tester:" + SANDBOX_HOME + ":/bin/sh\n";
-const std::string BOOT_END = " InitBaseApplication end";
 const int BOOT_TIMEOUT_MS = 30000;
-const int CHILD_TIMEOUT_MS = 20000;
+const std::vector<std::string> HEALTHY = {"Svc_Z", "svc-a", "svc10", "svc9", "svc_a", "svc_z"};
 
 // A copy of the probe with its own owner and mode, for the execute-right rules.
 std::string ProbeCopy(const Sandbox& sandbox, const std::string& name, uid_t owner, mode_t mode)
 {
-    std::string path = sandbox.Path("/bin/" + name);
-    MakeDirs(sandbox.Path("/bin"));
-    std::ifstream in(BuiltProgram("tests/probe_child"), std::ios::binary);
-    std::ofstream out(path, std::ios::binary);
-    out << in.rdbuf();
-    out.close();
+    std::string path = sandbox.CopyProgram(BuiltProgram("tests/probe_child"), "/bin/" + name, mode);
     EXPECT_EQ(0, chown(path.c_str(), owner, owner));
-    EXPECT_EQ(0, chmod(path.c_str(), mode));
     return path;
 }
 
-// Children running under other users write their records in here.
-std::string OutDir(const Sandbox& sandbox)
+std::set<gid_t> GroupsOf(uid_t uid)
 {
-    MakeDirs(sandbox.Path("/out"));
-    chmod(sandbox.Path("/out").c_str(), 0777);
-    return sandbox.Path("/out");
+    struct passwd* user = getpwuid(uid);
+    gid_t groups[128];
+    int count = 128;
+    if (user == nullptr || getgrouplist(user->pw_name, user->pw_gid, groups, &count) < 0) {
+        return {};
+    }
+    return std::set<gid_t>(groups, groups + count);
 }
 
-bool BootEnded(const DaemonProcess& daemon)
+std::set<gid_t> ParseGroups(const std::string& text)
 {
-    return WaitUntil([&] {
-        for (const std::string& line : daemon.Lines()) {
-            std::string text = LogText(line);
-            if (text.size() >= BOOT_END.size() &&
-                text.compare(text.size() - BOOT_END.size(), BOOT_END.size(), BOOT_END) == 0) {
-                return true;
-            }
-        }
-        return false;
-    }, BOOT_TIMEOUT_MS);
+    std::set<gid_t> groups;
+    std::istringstream in(text);
+    for (std::string item; std::getline(in, item, ',');) {
+        groups.insert(static_cast<gid_t>(std::stoul(item)));
+    }
+    return groups;
+}
+
+AppEntry Probe(const Sandbox& sandbox, const std::string& name)
+{
+    return ProbeApp(name, {"--out", sandbox.Path("/out/" + name + ".rec")});
 }
 
 // One daemon run over a manifest of healthy services and two whose children
@@ -70,11 +68,9 @@ protected:
     {
         sandbox_ = new Sandbox();
         sandbox_->WriteFile("/etc/passwd", PASSWD);
-        out_ = OutDir(*sandbox_);
-        services_ = Services();
-        manifest_ = sandbox_->WriteFile("/etc/base_services.yaml", AppsText(services_));
-        daemon_ = new DaemonProcess(*sandbox_, {manifest_});
-        bootEnded_ = BootEnded(*daemon_);
+        services_ = Services(*sandbox_);
+        daemon_ = new DaemonProcess(*sandbox_, {sandbox_->WriteFile("/etc/base_services.yaml", AppsText(services_))});
+        bootEnded_ = daemon_->WaitForLine(" InitBaseApplication end", BOOT_TIMEOUT_MS) != "";
         daemonEnv_ = ProcessEnviron(daemon_->Pid());
         daemonNice_ = getpriority(PRIO_PROCESS, static_cast<id_t>(daemon_->Pid()));
     }
@@ -92,75 +88,44 @@ protected:
     }
 
     // Listed out of name order on purpose: the start order must not follow the file.
-    static std::vector<AppEntry> Services()
+    static std::vector<AppEntry> Services(const Sandbox& box)
     {
-        AppEntry idFails = ProbeApp("svc_id", {"--out", out_ + "/svc_id.rec"});
-        idFails.binPath = ProbeCopy(*sandbox_, "probe_of_4242", NO_SUCH_USER, 0755);
+        AppEntry idFails = ProbeApp("svc_id", {"--out", box.Path("/out/svc_id.rec")});
+        idFails.binPath = ProbeCopy(box, "probe_of_4242", NO_SUCH_USER, 0755);
         idFails.uid = NO_SUCH_USER;
         idFails.gid = NO_SUCH_USER;
-
-        AppEntry execFails = ProbeApp("svc_b", {});
-        execFails.binPath = sandbox_->WriteFile("/bin/not_a_program", "this is no program\n");
-        chmod(execFails.binPath.c_str(), 0755);
-
-        AppEntry missing = ProbeApp("svc_c", {});
-        missing.binPath = sandbox_->Path("/bin/absent");
-
-        AppEntry root = Probe("Svc_Z");
-        root.nice = 7;
+        AppEntry execFails = ProbeApp("svc_b");
+        execFails.binPath = box.WriteFile("/bin/not_a_program", "this is no program\n", 0755);
+        AppEntry missing = ProbeApp("svc_c");
+        missing.binPath = box.Path("/bin/absent");
+        AppEntry root = Probe(box, "Svc_Z").With("nice", "7").With("heartbeat", "{enable: true, interval: 250, count: 1}");
         root.env = {{"A_KEY", "a&&b $(c)"}, {"LD_PRELOAD", "/opt/libasan.so.6"}};
-        root.heartBeat = HeartBeatSpec{true, 250, 1};
         root.startupEntryPath = "/etc/entry/svc_z.yaml";
-
-        AppEntry nobody = Probe("svc-a");
+        AppEntry nobody = Probe(box, "svc-a").With("nice", "-3").With("heartbeat", "{enable: true, interval: 50, count: 1001}");
         nobody.uid = NOBODY;
         nobody.gid = NOBODY;
-        nobody.nice = -3;
         nobody.env = {{"HOME", "/from/manifest"}};
-        nobody.heartBeat = HeartBeatSpec{true, 50, 1001};
-
-        AppEntry rootOtherGroup = Probe("svc10");
+        AppEntry rootOtherGroup = Probe(box, "svc10").With("heartbeat", "{enable: false, interval: 500, count: 5}");
         rootOtherGroup.gid = 1;
         rootOtherGroup.env = {{"LD_PRELOAD", "libfake_preload.so"}};
-        rootOtherGroup.heartBeat = HeartBeatSpec{false, 500, 5};
-
-        AppEntry nobodyOtherGroup = Probe("svc9");
+        AppEntry nobodyOtherGroup = Probe(box, "svc9").With("heartbeat", "{enable: true, interval: 70000, count: 0}");
         nobodyOtherGroup.uid = NOBODY;
         nobodyOtherGroup.gid = 1;
-        nobodyOtherGroup.heartBeat = HeartBeatSpec{true, 70000, 0};
-
-        AppEntry plain = Probe("svc_a");
-        plain.heartBeat = HeartBeatSpec{true, 0, 2};
-
         // Its dependency announces its end before the boot goes on, so it is
         // never RUNNING when the dependant's turn comes, however slow the start.
         AppEntry ending = ToolOwner("svc_t", {R"({"type":"state","state":"TERMINATING"})"});
-        AppEntry dependant = Probe("after_t");
+        AppEntry dependant = Probe(box, "after_t");
         dependant.depends = {"svc_t"};
-
-        return {Probe("svc_z"), nobodyOtherGroup, idFails, dependant, plain, root, missing,
+        return {Probe(box, "svc_z"), nobodyOtherGroup, idFails, dependant,
+                Probe(box, "svc_a").With("heartbeat", "{enable: true, interval: 0, count: 2}"), root, missing,
                 execFails, rootOtherGroup, nobody, ending};
     }
 
-    static AppEntry Probe(const std::string& name)
-    {
-        return ProbeApp(name, {"--out", out_ + "/" + name + ".rec"});
-    }
-
-    // The manifest entry of a name; an empty one for a name the manifest doesn't have.
+    // The manifest entry of a name.
     static const AppEntry& EntryOf(const std::string& name)
     {
-        static const AppEntry none;
-        auto found = std::find_if(services_.begin(), services_.end(),
-                                  [&](const AppEntry& service) { return service.name == name; });
-        return found == services_.end() ? none : *found;
-    }
-
-    static std::map<std::string, std::string> WaitForRecord(const std::string& name)
-    {
-        std::string path = out_ + "/" + name + ".rec";
-        WaitUntil([&] { return access(path.c_str(), F_OK) == 0; }, CHILD_TIMEOUT_MS);
-        return ReadProbeRecord(path);
+        return *std::find_if(services_.begin(), services_.end(),
+                             [&](const AppEntry& service) { return service.name == name; });
     }
 
     // The daemon's own environment plus what the base variant sets.
@@ -176,32 +141,33 @@ protected:
         if (!service.startupEntryPath.empty()) {
             env["STARTUP_ENTRY_PATH"] = service.startupEntryPath;
         }
-        if (env.count("LD_PRELOAD") != 0 && env["LD_PRELOAD"].find("libasan.so") != std::string::npos) {
+        if (env["LD_PRELOAD"].find("libasan.so") != std::string::npos) {
             env["LD_PRELOAD"] = "libasan.so.4:libzul.so.1";
+        } else if (env["LD_PRELOAD"].empty()) {
+            env.erase("LD_PRELOAD");
         }
         return env;
     }
 
     // The last pipe text of one child, which may share a read with other
-    // children's and with the child's own earlier text.
+    // children's and with the child's own earlier text; its size is checked.
     static std::string ChildErrInfo(const std::string& name)
     {
-        std::vector<pid_t> pids = StartedPids(*daemon_, name);
-        if (pids.size() != 1) {
-            return "";
-        }
-        std::string head = "app=" + name + ",pid=" + std::to_string(pids[0]) + ",";
+        static const std::regex form("^sk receive child process errinfo size=([0-9]+), err: (.*)$");
+        std::string head = "app=" + name + ",pid=" + std::to_string(daemon_->StartedPids(name).at(0)) + ",";
         std::string found;
         WaitUntil([&] {
             for (const std::string& line : daemon_->Lines()) {
-                size_t at = LogText(line).rfind(head);
-                if (at != std::string::npos && PipeLineWellFormed(LogText(line))) {
-                    found = LogText(line).substr(at + head.size());
+                std::smatch match;
+                std::string text = LogText(line);
+                if (text.rfind(head) != std::string::npos && std::regex_match(text, match, form) &&
+                    std::stoul(match[1]) == match[2].str().size()) {
+                    found = text.substr(text.rfind(head) + head.size());
                     return true;
                 }
             }
             return false;
-        }, CHILD_TIMEOUT_MS);
+        }, OWNER_WAIT_MS);
         return found;
     }
 
@@ -209,24 +175,14 @@ protected:
     // dies at once, so its death is always matched to it.
     static bool DeathLogged(const std::string& name)
     {
-        std::string pid = std::to_string(StartedPids(*daemon_, name).at(0));
-        return WaitUntil([&] {
-            return IndexOfExact(*daemon_, "STAVIK : Process=" + name + ", pid=" + pid +
-                                              " was self terminated, the exit status is 1.") >= 0;
-        }, CHILD_TIMEOUT_MS) && IndexOfExact(*daemon_, "STAVIK: can not find app, pid=" + pid) < 0;
-    }
-
-    static bool PipeLineWellFormed(const std::string& text)
-    {
-        static const std::regex form("^sk receive child process errinfo size=([0-9]+), err: (.*)$");
-        std::smatch match;
-        return std::regex_match(text, match, form) && std::stoul(match[1]) == match[2].str().size();
+        std::string pid = std::to_string(daemon_->StartedPids(name).at(0));
+        return daemon_->WaitForExact("STAVIK : Process=" + name + ", pid=" + pid +
+                                     " was self terminated, the exit status is 1.") &&
+               daemon_->IndexOfExact("STAVIK: can not find app, pid=" + pid) < 0;
     }
 
     static Sandbox* sandbox_;
     static DaemonProcess* daemon_;
-    static std::string out_;
-    static std::string manifest_;
     static std::vector<AppEntry> services_;
     static bool bootEnded_;
     static std::map<std::string, std::string> daemonEnv_;
@@ -235,20 +191,18 @@ protected:
 
 Sandbox* BaseStartRun::sandbox_ = nullptr;
 DaemonProcess* BaseStartRun::daemon_ = nullptr;
-std::string BaseStartRun::out_;
-std::string BaseStartRun::manifest_;
 std::vector<AppEntry> BaseStartRun::services_;
 bool BaseStartRun::bootEnded_ = false;
 std::map<std::string, std::string> BaseStartRun::daemonEnv_;
 int BaseStartRun::daemonNice_ = 0;
 
-const std::vector<std::string> HEALTHY = {"Svc_Z", "svc-a", "svc10", "svc9", "svc_a", "svc_z"};
-
-TEST_F(BaseStartRun, IndependentServicesStartInByteOrderOfTheirNames)
+TEST_F(BaseStartRun, IndependentServicesStartInByteOrderAndADependantOfAServiceNotRunningFailsOnce)
 {
+    static const std::regex wellFormed(R"(^\[[0-9]+\.[0-9]{6}s\]\[BOOT_TRACE\]\[SK\] Start baseApp success )"
+                                       R"(appName=[^,]*, binPath=[^,]*, pid=[0-9]+, isDelayCoreAffinity_=0$)");
     std::vector<std::string> names;
-    for (const BaseAppStart& start : BaseAppStarts(*daemon_)) {
-        EXPECT_TRUE(start.wellFormed) << start.name;
+    for (const StartLine& start : daemon_->Starts()) {
+        EXPECT_TRUE(std::regex_match(LogText(daemon_->Lines()[start.index]), wellFormed)) << start.name;
         EXPECT_EQ(EntryOf(start.name).binPath, start.binPath);
         names.push_back(start.name);
     }
@@ -256,16 +210,13 @@ TEST_F(BaseStartRun, IndependentServicesStartInByteOrderOfTheirNames)
                                         "svc_z"}),
               names);
     // The refused service between them doesn't stop the boot: the next name still starts.
-    long refused = IndexOfExact(*daemon_, "STAVIK : Start App=svc_c failed, binPath=" + EntryOf("svc_c").binPath +
-                                              " is not existed !!!");
+    long refused = daemon_->IndexOfExact("STAVIK : Start App=svc_c failed, binPath=" + EntryOf("svc_c").binPath +
+                                         " is not existed !!!");
     EXPECT_LT(daemon_->IndexOf("Start baseApp success appName=svc_b,"), refused);
     EXPECT_LT(refused, daemon_->IndexOf("Start baseApp success appName=svc_id,"));
-}
 
-TEST_F(BaseStartRun, DependantOfAServiceNotRunningFailsOnceAndIsNotRetried)
-{
-    long depends = IndexOfExact(*daemon_, "STAVIK : after_t depends on svc_t [after_t => svc_t]");
-    long failed = IndexOfExact(*daemon_, "STAVIK : after_t's dependcy svc_t hasn't been started");
+    long depends = daemon_->IndexOfExact("STAVIK : after_t depends on svc_t [after_t => svc_t]");
+    long failed = daemon_->IndexOfExact("STAVIK : after_t's dependcy svc_t hasn't been started");
     ASSERT_GE(depends, 0) << daemon_->Log();
     EXPECT_LT(depends, failed);
     EXPECT_LT(daemon_->IndexOf("Start baseApp success appName=svc_t,"), depends);
@@ -274,58 +225,48 @@ TEST_F(BaseStartRun, DependantOfAServiceNotRunningFailsOnceAndIsNotRetried)
     EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
                             [&](const std::string& line) { return std::regex_match(LogText(line), gaveUp); }));
     EXPECT_EQ(1u, daemon_->CountLines("after_t's dependcy"));
-    EXPECT_TRUE(StartedPids(*daemon_, "after_t").empty());
     EXPECT_FALSE(sandbox_->Exists("/out/after_t.rec"));
 }
 
-TEST_F(BaseStartRun, ChildEnvironmentHoldsExactlyTheBaseVariables)
+// Exactly the base variables, the identity of the manifest and the daemon's
+// nice value: the base variant leaves the manifest's nice value alone.
+TEST_F(BaseStartRun, EachChildHasItsEnvironmentIdentityAndEndpoint)
 {
+    const std::map<std::string, std::map<std::string, std::string>> beats = {
+        {"Svc_Z", {{"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "200"}, {"GRP_HB_COUNT", "3"}}},
+        {"svc-a", {{"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "100"}, {"GRP_HB_COUNT", "1000"}}},
+        {"svc9", {{"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "60000"}}},
+        {"svc_a", {{"GRP_HB", "1"}, {"GRP_HB_COUNT", "3"}}},
+    };
     for (const std::string& name : HEALTHY) {
-        std::map<std::string, std::string> record = WaitForRecord(name);
-        ASSERT_FALSE(record.empty()) << name;
-        std::map<std::string, std::string> expected = ExpectedEnv(EntryOf(name));
-        if (name == "Svc_Z") {
-            expected.insert({{"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "200"}, {"GRP_HB_COUNT", "3"}});
-        } else if (name == "svc-a") {
-            expected.insert({{"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "100"}, {"GRP_HB_COUNT", "1000"}});
-        } else if (name == "svc9") {
-            expected.insert({{"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "60000"}});
-        } else if (name == "svc_a") {
-            expected.insert({{"GRP_HB", "1"}, {"GRP_HB_COUNT", "3"}});
+        SCOPED_TRACE(name);
+        std::map<std::string, std::string> record = AwaitProbeRecord(sandbox_->Path("/out/" + name + ".rec"));
+        ASSERT_FALSE(record.empty());
+        const AppEntry& entry = EntryOf(name);
+        std::map<std::string, std::string> expected = ExpectedEnv(entry);
+        if (beats.count(name) != 0) {
+            expected.insert(beats.at(name).begin(), beats.at(name).end());
         }
         // Each service finds its endpoint listening from before its main runs.
         EXPECT_EQ(record["listen_path"], sandbox_->TubixDir() + "/" + name);
         expected["TUBIX_LISTEN_FD"] = ProbeEnv(record)["TUBIX_LISTEN_FD"];
-        EXPECT_EQ("", MapDiff(expected, ProbeEnv(record))) << "service " << name;
+        EXPECT_EQ(expected, ProbeEnv(record));
+        EXPECT_EQ(std::to_string(entry.uid), record["uid"]);
+        EXPECT_EQ(std::to_string(entry.gid), record["gid"]);
+        EXPECT_EQ(GroupsOf(entry.uid), ParseGroups(record["groups"]));
+        EXPECT_EQ(std::to_string(daemonNice_), record["nice"]);
+        EXPECT_EQ(std::to_string(daemon_->StartedPids(name).at(0)), record["pid"]);
+        EXPECT_EQ(std::to_string(daemon_->Pid()), record["ppid"]);
     }
 }
 
-TEST_F(BaseStartRun, ChildRunsWithItsIdentityAndTheDaemonsNiceValue)
-{
-    for (const std::string& name : HEALTHY) {
-        std::map<std::string, std::string> record = WaitForRecord(name);
-        ASSERT_FALSE(record.empty()) << name;
-        const AppEntry& entry = EntryOf(name);
-        EXPECT_EQ(std::to_string(entry.uid), record["uid"]) << name;
-        EXPECT_EQ(std::to_string(entry.gid), record["gid"]) << name;
-        EXPECT_EQ(SupplementaryGroupsOf(entry.uid), ParseGroups(record["groups"])) << name;
-        // The base variant leaves the manifest's nice value alone.
-        EXPECT_EQ(std::to_string(daemonNice_), record["nice"]) << name;
-        EXPECT_EQ(std::to_string(StartedPids(*daemon_, name).at(0)), record["pid"]) << name;
-        EXPECT_EQ(std::to_string(daemon_->Pid()), record["ppid"]) << name;
-    }
-}
-
-TEST_F(BaseStartRun, FailedExecLeavesTheChildsTextInTheLog)
+TEST_F(BaseStartRun, ChildrenFailingAfterTheForkLeaveTheirTextInTheLog)
 {
     // The exec failure replaces whatever the child gathered before.
     std::string expected = "execv failed, execPath_=" + EntryOf("svc_b").binPath + ", errno=8;";
     EXPECT_EQ(expected, ChildErrInfo("svc_b").substr(0, expected.size()));
     EXPECT_TRUE(DeathLogged("svc_b")) << daemon_->Log();
-}
-
-TEST_F(BaseStartRun, ChildWithoutItsIdentityExitsBeforeTheBinary)
-{
+    // Without its identity the child exits before the binary.
     std::string errInfo = ChildErrInfo("svc_id");
     EXPECT_NE(std::string::npos, errInfo.find("getpwuid is null;")) << errInfo;
     EXPECT_TRUE(DeathLogged("svc_id")) << daemon_->Log();
@@ -337,23 +278,20 @@ TEST_F(BaseStartRun, ChildWithoutItsIdentityExitsBeforeTheBinary)
 TEST(BaseStartRefusal, RefusedServicesAreNotForkedAndTheBootGoesOn)
 {
     Sandbox sandbox;
-    std::string out = OutDir(sandbox);
-    AppEntry badArgs = ProbeApp("a_args", {"--out", out + "/a_args.rec", "x&&y"});
-    AppEntry missing = ProbeApp("b_missing", {});
+    AppEntry badArgs = ProbeApp("a_args", {"--out", sandbox.Path("/out/a_args.rec"), "x&&y"});
+    AppEntry missing = ProbeApp("b_missing");
     missing.binPath = sandbox.Path("/bin/absent");
-    AppEntry rootNoExec = ProbeApp("c_noexec", {"--out", out + "/c_noexec.rec"});
+    AppEntry rootNoExec = Probe(sandbox, "c_noexec");
     rootNoExec.binPath = ProbeCopy(sandbox, "probe_0644", 0, 0644);
-    AppEntry ownerNoExec = ProbeApp("c_owner", {"--out", out + "/c_owner.rec"});
+    AppEntry ownerNoExec = Probe(sandbox, "c_owner");
     ownerNoExec.binPath = ProbeCopy(sandbox, "probe_0655", NOBODY, 0655);
     ownerNoExec.uid = NOBODY;
     ownerNoExec.gid = NOBODY;
-    AppEntry dependant = ProbeApp("d_dep", {"--out", out + "/d_dep.rec"});
+    AppEntry dependant = Probe(sandbox, "d_dep");
     dependant.depends = {"a_args"};
-    std::string manifest = sandbox.WriteFile(
-        "/etc/base.yaml", AppsText({dependant, ownerNoExec, rootNoExec, missing, badArgs}));
-
-    DaemonProcess daemon(sandbox, {manifest});
-    ASSERT_TRUE(BootEnded(daemon)) << daemon.Log();
+    DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", AppsText({dependant, ownerNoExec, rootNoExec,
+                                                                                 missing, badArgs}))});
+    ASSERT_NE("", daemon.WaitForLine(" InitBaseApplication end", BOOT_TIMEOUT_MS)) << daemon.Log();
 
     std::vector<std::string> refusals = {
         "STAVIK : CheckChildProParas App=a_args arguments include illegal str",
@@ -367,18 +305,18 @@ TEST(BaseStartRefusal, RefusedServicesAreNotForkedAndTheBootGoesOn)
     };
     long previous = -1;
     for (const std::string& refusal : refusals) {
-        long at = IndexOfExact(daemon, refusal);
+        long at = daemon.IndexOfExact(refusal);
         EXPECT_LT(previous, at) << refusal << "\n" << daemon.Log();
         previous = at;
     }
-    for (const char* name : {"a_args", "b_missing", "c_noexec", "c_owner"}) {
-        EXPECT_EQ(1u, CountExact(daemon, "Start " + std::string(name) + " failed, state:INITSTATE")) << name;
-        EXPECT_FALSE(sandbox.Exists("/out/" + std::string(name) + ".rec")) << name;
+    for (const std::string name : {"a_args", "b_missing", "c_noexec", "c_owner"}) {
+        EXPECT_EQ(1u, daemon.CountExact("Start " + name + " failed, state:INITSTATE")) << name;
+        EXPECT_FALSE(sandbox.Exists("/out/" + name + ".rec")) << name;
     }
     EXPECT_EQ(0u, daemon.CountLines("Start d_dep failed"));
     EXPECT_EQ(5u, daemon.CountLines(", start baseApp="));
-    EXPECT_TRUE(BaseAppStarts(daemon).empty());
-    EXPECT_TRUE(WaitForExactLine(daemon, "STAVIK : EnableWatchDog flag=0", BOOT_TIMEOUT_MS));
+    EXPECT_TRUE(daemon.Starts().empty());
+    EXPECT_TRUE(daemon.WaitForExact("STAVIK : EnableWatchDog flag=0", BOOT_TIMEOUT_MS));
 }
 
 } // namespace

@@ -12,7 +12,6 @@
 
 #include "app/process_state.h"
 #include "tests/support/played_owners.h"
-#include "tests/support/service_manifest.h"
 
 namespace Stavik {
 namespace Test {
@@ -76,8 +75,7 @@ struct BootCase {
 TEST(BootInputsRun, CommandLineChoosesManifestAndFeaturesAndEveryChildGetsTheLockedMemoryLimit)
 {
     Sandbox box;
-    AppEntry em = ProbeApp("em_svc");
-    em.cfgPath = "/etc/em/emService.yaml";
+    AppEntry em = ProbeApp("em_svc").With("cfg_path", "/etc/em/emService.yaml");
     std::string base = box.WriteFile("/etc/base.yaml", AppsText({ProbeApp("default_svc")}));
     std::string mine = box.WriteFile(CFG_DIR + "my.yaml", AppsText({ProbeApp("my_svc"), em}));
     const std::string safe = CFG_DIR + "startup_stavik_suspend_resume_fail.yaml";
@@ -107,15 +105,15 @@ TEST(BootInputsRun, CommandLineChoosesManifestAndFeaturesAndEveryChildGetsTheLoc
         DaemonProcess daemon(box, {base});
         ASSERT_NE("", daemon.WaitForLine("InitBaseApplication end", OWNER_WAIT_MS)) << c.cmdline << daemon.Log();
         for (const std::string& name : c.started) {
-            std::vector<pid_t> pids = StartedPids(daemon, name);
+            std::vector<pid_t> pids = daemon.StartedPids(name);
             ASSERT_EQ(1u, pids.size()) << c.cmdline << name << daemon.Log();
             EXPECT_EQ(c.locked, LockedMemory(pids[0])) << c.cmdline;
         }
         for (const std::string& name : c.notStarted) {
-            EXPECT_TRUE(StartedPids(daemon, name).empty()) << c.cmdline << name;
+            EXPECT_TRUE(daemon.StartedPids(name).empty()) << c.cmdline << name;
         }
         for (const std::string& line : c.lines) {
-            EXPECT_EQ(1u, CountExact(daemon, line)) << c.cmdline << line << "\n" << daemon.Log();
+            EXPECT_EQ(1u, daemon.CountExact(line)) << c.cmdline << line << "\n" << daemon.Log();
         }
     }
 }
@@ -126,13 +124,10 @@ TEST(BootInputsRun, ListedBinariesStartOnlyWithTheirDigestAndOddPathsNeverReachA
 {
     Sandbox box;
     std::string calls = box.Path("/out/sha.calls");
-    MakeDirs(box.Path("/out"));
-    std::string tool = box.WriteFile("/tools/sha256sum", "#!/bin/sh\necho \"$@\" >> " + calls +
-                                                            "\nexec /usr/bin/sha256sum \"$@\"\n");
-    chmod(tool.c_str(), 0755);
+    box.WriteFile("/tools/sha256sum", "#!/bin/sh\necho \"$@\" >> " + calls + "\nexec /usr/bin/sha256sum \"$@\"\n", 0755);
     std::map<std::string, std::string> bins;
     for (const std::string name : {"good", "bad", "plain", "a b", "a;b"}) {
-        bins[name] = CopyProgram(box, BuiltProgram("tests/probe_child"), "/bin/" + name);
+        bins[name] = box.CopyProgram(BuiltProgram("tests/probe_child"), "/bin/" + name);
     }
     box.WriteFile(CFG_DIR + "bin_hash.cfg", std::string(300, 'x') + "=y\ngood=" + Digest(bins["good"]) +
                                                 "\nbad=" + std::string(64, 'f') + "\na b=0\na;b=0\n");
@@ -154,23 +149,22 @@ TEST(BootInputsRun, ListedBinariesStartOnlyWithTheirDigestAndOddPathsNeverReachA
     OwnerSession& owner = owners["owner_d"];
     ASSERT_TRUE(ReportRunning(owner)) << daemon.Log();
     ASSERT_NE("", daemon.WaitForLine("InitBaseApplication end", OWNER_WAIT_MS)) << daemon.Log();
-    EXPECT_EQ(1u, StartedPids(daemon, "good").size()) << daemon.Log();
-    EXPECT_EQ(1u, StartedPids(daemon, "plain").size()) << daemon.Log();
+    EXPECT_EQ(1u, daemon.StartedPids("good").size()) << daemon.Log();
+    EXPECT_EQ(1u, daemon.StartedPids("plain").size()) << daemon.Log();
 
-    std::string answer;
-    ASSERT_TRUE(owner.LoadStartupCfg(Message::StartupCfgInfo{{}, ""}, answer)) << owner.LastError();
+    ASSERT_TRUE(LoadStartup(owner)) << owner.LastError();
     size_t mark = owner.EventCount();
     ASSERT_TRUE(owner.SendStart({{"bad", {}, {}}, {"blank", {}, {}}, {"semi", {}, {}}})) << owner.LastError();
     for (const std::string name : {"bad", "blank", "semi"}) {
         EXPECT_TRUE(owner.WaitForAppState(name, TERMINATED_ABNORMAL_EXIT, OWNER_WAIT_MS, mark)) << name;
     }
-    EXPECT_TRUE(WaitForExactLine(daemon, "STAVIK : IntegrityProtect app=" + bins["bad"] +
+    EXPECT_TRUE(daemon.WaitForExact("STAVIK : IntegrityProtect app=" + bins["bad"] +
                                              " or sha256sum has been modified", OWNER_WAIT_MS));
     for (const std::string name : {"a b", "a;b"}) {
         const std::string illegal = "STAVIK: IntegrityProtect appPath=" + bins[name] + " is illegal";
-        EXPECT_TRUE(WaitForExactLine(daemon, illegal, OWNER_WAIT_MS)) << name;
+        EXPECT_TRUE(daemon.WaitForExact(illegal, OWNER_WAIT_MS)) << name;
     }
-    EXPECT_EQ(1u, CountExact(daemon, "STAVIK: hash config string=" + box.Path(CFG_DIR + "bin_hash.cfg") +
+    EXPECT_EQ(1u, daemon.CountExact("STAVIK: hash config string=" + box.Path(CFG_DIR + "bin_hash.cfg") +
                                          " format is false"));
     // One shell each for the two listed plain paths; the helpers are nobody's applications.
     EXPECT_EQ(bins["good"] + "\n" + bins["bad"] + "\n", ReadWholeFile(calls));

@@ -9,7 +9,6 @@
 #include <regex>
 
 #include "tests/support/played_owners.h"
-#include "tests/support/service_manifest.h"
 
 namespace Stavik {
 namespace Test {
@@ -45,9 +44,8 @@ TEST(BootMarks, EveryStageReachesTheBootDotFileAndOnlyTheMainOnesTheConsole)
     PipeFile setblk(sandbox, "/proc/bootdot/setblk");
     PipeFile console(sandbox, "/dev/ttyAMA0");
     sandbox.WriteFile("/proc/kill_mgr", "");
-    AppEntry mirrored = ProbeApp("mirrored", {"--exit", "3", "--after-ms", "300"});
-    mirrored.startupPriority = 1;
-    mirrored.processType = 1;
+    AppEntry mirrored =
+        ProbeApp("mirrored", {"--exit", "3", "--after-ms", "300"}).With("startup_priority", "1").With("process_type", "1");
     std::string zulFile = sandbox.WriteFile("/etc/startup/zulmgr.yaml", AppsText({mirrored}));
     AppEntry brellan = DummyOwner("brellan");
     brellan.depends = {"zulmgr"};
@@ -69,7 +67,7 @@ TEST(BootMarks, EveryStageReachesTheBootDotFileAndOnlyTheMainOnesTheConsole)
     // The kill manager hears of the type-1 application's start and end; the
     // sandbox's file is no driver, so each request fails in the kernel.
     EXPECT_NE("", daemon.WaitForLine("OpenKillMgr success."));
-    std::vector<StartLine> starts = StartLines(daemon, "Start priority generalApp success");
+    std::vector<StartLine> starts = daemon.Starts("Start priority generalApp success");
     ASSERT_EQ(1u, starts.size()) << daemon.Log();
     const std::string pid = std::to_string(starts[0].pid);
     for (const std::string code : {"3", "4"}) {

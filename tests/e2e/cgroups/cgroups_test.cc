@@ -11,7 +11,6 @@
 
 #include "resource/core_affinity_mgr.h"
 #include "tests/support/played_owners.h"
-#include "tests/support/service_manifest.h"
 
 namespace Stavik {
 namespace Test {
@@ -80,9 +79,7 @@ void MakeTree(const Sandbox& box, const std::vector<uint32_t>& cpus)
 
 AppEntry Bound(const std::string& name, uint32_t cpu)
 {
-    AppEntry entry = ProbeApp(name);
-    entry.coreAffinity = {cpu};
-    return entry;
+    return ProbeApp(name).With("core_affinity", "[" + std::to_string(cpu) + "]");
 }
 
 // One ordinary start: each child in exactly the tasks files its manifest
@@ -93,18 +90,15 @@ TEST(CgroupRun, ChildrenAndDaemonThreadsArePlacedAndBound)
     const std::vector<uint32_t> cpus = UsableCpus();
     ASSERT_FALSE(cpus.empty());
     MakeTree(box, cpus);
-    AppEntry placed = ProbeApp("placed");
-    placed.resGroup = "grpA";
-    placed.cpuset = "CtrlCPU";
-    placed.blkioGroup = "io1";
-    placed.cgroupPath = {{"pids", "p1"}, {"net_cls", "missing"}, {"freezer", "a..b"}};
+    AppEntry placed = ProbeApp("placed").With("res_group", "grpA").With("cpuset", "CtrlCPU").With("blkio_group", "io1")
+                          .With("cgroup_path", "{pids: p1, net_cls: missing, freezer: a..b}");
     std::string manifest = box.WriteFile(
         "/etc/base.yaml",
         AppsText({placed, Bound("first", cpus.front()), Bound("last", cpus.back()), Bound("outside", 1023)}));
     DaemonProcess daemon(box, {manifest});
     ASSERT_FALSE(daemon.WaitForLine("Start baseApp success appName=placed", CHILD_WAIT_MS).empty()) << daemon.Log();
     ASSERT_FALSE(daemon.WaitForLine("Start baseApp success appName=last", CHILD_WAIT_MS).empty()) << daemon.Log();
-    const uint32_t pid = static_cast<uint32_t>(StartedPids(daemon, "placed").at(0));
+    const uint32_t pid = static_cast<uint32_t>(daemon.StartedPids("placed").at(0));
 
     // Missing files give their sentences in list order and the child still runs.
     const std::string missing = "add to group failed, cgroup path=" + box.Path(CG + "net_cls/missing/tasks") +
@@ -121,13 +115,13 @@ TEST(CgroupRun, ChildrenAndDaemonThreadsArePlacedAndBound)
 
     // Each bound child runs on its core; the QXCPU core adds it to QXCPU.
     for (const auto& bound : {std::make_pair("first", cpus.front()), std::make_pair("last", cpus.back())}) {
-        uint32_t child = static_cast<uint32_t>(StartedPids(daemon, bound.first).at(0));
+        uint32_t child = static_cast<uint32_t>(daemon.StartedPids(bound.first).at(0));
         EXPECT_TRUE(WaitUntil([&] { return AllowedList(child, child) == std::to_string(bound.second); }, CHILD_WAIT_MS))
             << bound.first << " " << AllowedList(child, child);
         EXPECT_EQ(bound.second == cpus.back() ? 1u : 0u, TasksIds(box, "cpuset/QXCPU").count(child)) << bound.first;
     }
     EXPECT_GE(daemon.IndexOf("CheckIsCtrlCpu app=outside, coreId=1023 is not in CtrlCpu"), 0) << daemon.Log();
-    EXPECT_TRUE(StartedPids(daemon, "outside").empty());
+    EXPECT_TRUE(daemon.StartedPids("outside").empty());
 
     // The daemon's threads, and nothing else, are in its three groups.
     const uint32_t self = static_cast<uint32_t>(daemon.Pid());
@@ -150,18 +144,14 @@ TEST(CgroupRun, QuickStartPriorityAppIsPlacedAtTheContinuePoint)
     const std::vector<uint32_t> cpus = UsableCpus();
     ASSERT_FALSE(cpus.empty());
     MakeTree(box, cpus);
-    AppEntry prio = Bound("prio", cpus.front());
+    AppEntry prio = Bound("prio", cpus.front()).With("res_group", "grpA").With("startup_priority", "1");
     prio.args = {"--threads", "2"};
-    prio.resGroup = "grpA";
-    prio.startupPriority = 1;
-    std::string startup = box.WriteFile("/etc/startup/zulmgr.yaml", AppsText({prio}));
     AppEntry zul = ProbeApp("zulmgr");
-    zul.startupEntryPath = startup;
-    std::string manifest = box.WriteFile("/etc/base.yaml", AppsText({zul}));
-    DaemonProcess daemon(box, {manifest, "true"});
+    zul.startupEntryPath = box.WriteFile("/etc/startup/zulmgr.yaml", AppsText({prio}));
+    DaemonProcess daemon(box, {box.WriteFile("/etc/base.yaml", AppsText({zul})), "true"});
     ASSERT_FALSE(daemon.WaitForLine("InitPriorityApps start priority apps finish", CHILD_WAIT_MS).empty())
         << daemon.Log();
-    std::vector<StartLine> starts = StartLines(daemon, "Start priority generalApp success");
+    std::vector<StartLine> starts = daemon.Starts("Start priority generalApp success");
     ASSERT_EQ(1u, starts.size()) << daemon.Log();
     const uint32_t pid = static_cast<uint32_t>(starts[0].pid);
     // The main thread and its two workers; a sanitizer's runtime may add one of its own.

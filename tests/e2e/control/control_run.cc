@@ -10,32 +10,22 @@ const std::vector<std::string> OWNERS = {"owner_a", "owner_b", "zulmgr"};
 
 AppEntry Stubborn(const std::string& name, uint32_t termTimeoutMs, bool forceTerm)
 {
-    AppEntry entry = ProbeApp(name, {"--ignore-term"});
-    entry.termTimeoutMs = termTimeoutMs;
-    entry.forceTerm = forceTerm;
-    return entry;
-}
-
-AppEntry Matching(const std::string& name, const std::string& board)
-{
-    AppEntry entry = ProbeApp(name);
-    entry.match = {{"board", board}};
-    return entry;
+    return ProbeApp(name, {"--ignore-term"})
+        .With("term_timeout_ms", std::to_string(termTimeoutMs))
+        .With("force_term", forceTerm ? "true" : "false");
 }
 
 // One manifest serves every "dyn_*": path, arguments, two environment values
 // and the virtual function id come from the request.
 AppEntry DynamicWorkers(const Sandbox& box)
 {
-    CopyProgram(box, BuiltProgram("tests/probe_child"), "/bin/dyn/probe");
+    box.CopyProgram(BuiltProgram("tests/probe_child"), "/bin/dyn/probe");
     AppEntry entry;
     entry.name = "${dyn_*}";
-    entry.dynamicPara = true;
     entry.binPath = "${" + box.Path("/bin/dyn/*") + "}";
     entry.args = {"${*}"};
     entry.env = {{"DYN_ROLE", "${[a-z]*}"}, {"FIXED", "yes"}};
-    entry.vfIdPattern = "${[0-9]*}";
-    return entry;
+    return entry.With("dynamic_para", "true").With("vf_id_pattern", "\"${[0-9]*}\"");
 }
 
 std::string StartupPath(const Sandbox& box, const std::string& owner)
@@ -55,7 +45,6 @@ const std::string ControlRun::elsewherePath_ = "/elsewhere/startup.yaml";
 void ControlRun::SetUpTestSuite()
 {
     sandbox_ = new Sandbox();
-    MakeDirs(sandbox_->Path("/out"));
     WriteManifests();
     owners_ = new PlayedOwners(*sandbox_, OWNERS);
     setupError_ = owners_->Error();
@@ -72,11 +61,6 @@ void ControlRun::TearDownTestSuite()
     delete sandbox_;
 }
 
-void ControlRun::SetUp()
-{
-    ASSERT_EQ("", setupError_) << daemon_->Log();
-}
-
 void ControlRun::WriteManifests()
 {
     const Sandbox& box = *sandbox_;
@@ -85,8 +69,8 @@ void ControlRun::WriteManifests()
     box.WriteFile("/etc/startup/owner_b.yaml",
                   AppsText({ProbeApp("t_plain"), Stubborn("t_stuck", 20000, false), Stubborn("t_stuck_r", 20000, false),
                             ProbeApp("t_idle"), Stubborn("t_force", 300, true), Stubborn("t_noforce", 300, false),
-                            ProbeApp("t_list1"), ProbeApp("t_list3"), Matching("m_evb", "evb"),
-                            Matching("m_other", "other"), ProbeApp("snap_app")}));
+                            ProbeApp("t_list1"), ProbeApp("t_list3"), ProbeApp("m_evb").With("match", "{board: evb}"),
+                            ProbeApp("m_other").With("match", "{board: other}"), ProbeApp("snap_app")}));
     box.WriteFile("/etc/startup/zulmgr.yaml", AppsText({ProbeApp("z_app")}));
     std::vector<AppEntry> bases;
     for (const char* owner : {"zulmgr", "owner_b", "owner_a"}) {
@@ -154,33 +138,23 @@ bool ControlRun::Term(const std::string& owner, const std::vector<std::string>& 
     return Owner(owner).SendTerm(apps);
 }
 
-bool ControlRun::WaitForExact(const std::string& text)
-{
-    return WaitForExactLine(*daemon_, text, OWNER_WAIT_MS);
-}
-
-size_t ControlRun::Count(const std::string& text)
-{
-    EXPECT_TRUE(SyncLog());
-    return CountExact(*daemon_, text);
-}
-
 // The log arrives through a pipe of its own, behind the reports: a line that
 // the daemon writes now is read after all that it wrote before.
-bool ControlRun::SyncLog()
+size_t ControlRun::Count(const std::string& text)
 {
-    static int count = 0;
-    const std::string name = "logsync_" + std::to_string(++count);
-    return Term("owner_a", {name}) && WaitForExact("STAVIK : termApp failed: not find app=" + name);
+    static int syncs = 0;
+    const std::string name = "logsync_" + std::to_string(++syncs);
+    EXPECT_TRUE(Term("owner_a", {name}) && WaitForExact("STAVIK : termApp failed: not find app=" + name));
+    return daemon_->CountExact(text);
 }
 
 pid_t ControlRun::StartRunning(const std::string& owner, const std::string& app)
 {
     size_t mark = Mark(owner);
-    if (!Start(owner, {app})) {
-        return 0;
+    std::optional<Message::AppStateInfo> running;
+    if (Start(owner, {app})) {
+        running = Await(owner, app, RUNNING_NORMAL_START, mark);
     }
-    std::optional<Message::AppStateInfo> running = Await(owner, app, RUNNING_NORMAL_START, mark);
     return running ? static_cast<pid_t>(running->pid) : 0;
 }
 

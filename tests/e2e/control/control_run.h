@@ -9,9 +9,7 @@
 #include <vector>
 
 #include "app/process_state.h"
-#include "tests/support/daemon_process.h"
 #include "tests/support/played_owners.h"
-#include "tests/support/service_manifest.h"
 
 namespace Stavik {
 namespace Test {
@@ -23,19 +21,19 @@ class ControlRun : public ::testing::Test {
 public:
     static void SetUpTestSuite();
     static void TearDownTestSuite();
-    void SetUp() override;
+    void SetUp() override { ASSERT_EQ("", setupError_) << daemon_->Log(); }
 
     static OwnerSession& Owner(const std::string& name) { return (*owners_)[name]; }
     static const DaemonProcess& Daemon() { return *daemon_; }
     static const Sandbox& Box() { return *sandbox_; }
+    static size_t Mark(const std::string& owner) { return Owner(owner).EventCount(); }
     // The first entry of app in `state` that reached owner at or after mark.
     static std::optional<Message::AppStateInfo> Await(const std::string& owner, const std::string& app,
                                                       ReportAppStateType state, size_t mark);
-    static size_t Mark(const std::string& owner) { return Owner(owner).EventCount(); }
     static bool Start(const std::string& owner, const std::vector<std::string>& apps);
     static bool Restart(const std::string& owner, const std::vector<std::string>& apps);
     static bool Term(const std::string& owner, const std::vector<std::string>& apps);
-    static bool WaitForExact(const std::string& text);
+    static bool WaitForExact(const std::string& text) { return daemon_->WaitForExact(text); }
     // Lines whose text is exactly `text`, counted once every line the daemon
     // wrote before this call has been read.
     static size_t Count(const std::string& text);
@@ -58,7 +56,6 @@ public:
 private:
     static void WriteManifests();
     static void BootAndLoad();
-    static bool SyncLog();
 
     static Sandbox* sandbox_;
     static PlayedOwners* owners_;

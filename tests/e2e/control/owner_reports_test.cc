@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "tests/e2e/control/control_run.h"
-#include "tests/support/service_manifest.h"
 
 namespace Stavik {
 namespace Test {
@@ -141,8 +140,7 @@ TEST_F(ControlRun, DynamicParametersAreAcceptedOnlyWithinTheirPatterns)
     EXPECT_EQ(1u, Count("STAVIK : UpdateVfId dynamic appName=dyn_ok, vfId=7"));
     EXPECT_EQ(1u, Count("STAVIK : dynamic env key not in yaml cfg, OTHER=1, ignore it"));
     EXPECT_EQ(1u, Count("STAVIK : UpdateEnv dynamic appName=dyn_ok, env=FIXED=yes DYN_ROLE=worker "));
-    ASSERT_TRUE(WaitUntil([&] { return !ReadProbeRecord(record).empty(); }, OWNER_WAIT_MS));
-    std::map<std::string, std::string> probe = ReadProbeRecord(record);
+    std::map<std::string, std::string> probe = AwaitProbeRecord(record);
     EXPECT_EQ(bin + " --out " + record, probe["argv"]);
     EXPECT_EQ(std::to_string(running->pid), probe["pid"]);
     std::map<std::string, std::string> env = ProbeEnv(probe);
@@ -229,7 +227,7 @@ TEST_F(ControlRun, RestartingNamingServiceGetsRunningAppsThenBaseServices)
     for (const std::string base : {"owner_a", "owner_b"}) {
         std::optional<Message::AppStateInfo> entry = Await("zulmgr", base, RUNNING_NORMAL_START, mark);
         ASSERT_TRUE(entry.has_value()) << base;
-        EXPECT_EQ(StartedPids(Daemon(), base), std::vector<pid_t>{static_cast<pid_t>(entry->pid)}) << base;
+        EXPECT_EQ(Daemon().StartedPids(base), std::vector<pid_t>{static_cast<pid_t>(entry->pid)}) << base;
         EXPECT_LT(generalAt, ReportIndex(Owner("zulmgr"), base, RUNNING_NORMAL_START, mark)) << base;
     }
     ASSERT_TRUE(Barrier(Owner("zulmgr")));

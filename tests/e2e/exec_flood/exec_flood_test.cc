@@ -10,7 +10,6 @@
 #include <sstream>
 
 #include "tests/support/played_owners.h"
-#include "tests/support/service_manifest.h"
 
 namespace Stavik {
 namespace Test {
@@ -31,19 +30,11 @@ std::string LongDir()
     return dir;
 }
 
-std::string ReadText(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 // Nanoseconds from the fork of pid (its start time on the boot clock, in
 // clock ticks) to the moment the probe's main began after exec.
 int64_t ForkToExecNs(pid_t pid, const std::map<std::string, std::string>& record)
 {
-    std::string stat = ReadText("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat = ReadWholeFile("/proc/" + std::to_string(pid) + "/stat");
     std::istringstream fields(stat.substr(stat.rfind(')') + 2));
     std::string field;
     for (int i = 3; i <= 22 && fields >> field; ++i) {
@@ -56,7 +47,7 @@ std::vector<pid_t> ChildrenInPipeWrite(pid_t daemon)
 {
     std::vector<pid_t> blocked;
     for (const auto& child : ChildrenOf(daemon)) {
-        if (ReadText("/proc/" + std::to_string(child.first) + "/wchan") == "pipe_write") {
+        if (ReadWholeFile("/proc/" + std::to_string(child.first) + "/wchan") == "pipe_write") {
             blocked.push_back(child.first);
         }
     }
@@ -66,14 +57,10 @@ std::vector<pid_t> ChildrenInPipeWrite(pid_t daemon)
 TEST(ExecFlood, ChildrenStillReachExecWithinATenthOfASecondAfterMinutesOfFailingExecs)
 {
     Sandbox box;
-    std::string broken = box.WriteFile(LongDir() + "/broken", "not a program\n");
-    chmod(broken.c_str(), 0755);
     MakeDirs(box.Path("/out/phoenix"));
-    AppEntry failing = ProbeApp("failing");
-    failing.binPath = broken;
-    failing.restart = "on-forever";
-    AppEntry phoenix = ProbeApp("phoenix", {"--out-dir", box.Path("/out/phoenix")});
-    phoenix.restart = "on-forever";
+    AppEntry failing = ProbeApp("failing").With("restart", "on-forever");
+    failing.binPath = box.WriteFile(LongDir() + "/broken", "not a program\n", 0755);
+    AppEntry phoenix = ProbeApp("phoenix", {"--out-dir", box.Path("/out/phoenix")}).With("restart", "on-forever");
     std::string lateFile = box.WriteFile("/etc/startup/owner_f.yaml",
                                          AppsText({ProbeApp("late_app", {"--out", box.Path("/out/late")})}));
     std::string manifest =
@@ -89,24 +76,23 @@ TEST(ExecFlood, ChildrenStillReachExecWithinATenthOfASecondAfterMinutesOfFailing
         ASSERT_EQ(std::vector<pid_t>{}, ChildrenInPipeWrite(daemon.Pid()));
         WaitUntil([] { return false; }, 1000);
     }
-    size_t failures = StartedPids(daemon, "failing").size();
+    size_t failures = daemon.StartedPids("failing").size();
     size_t told = daemon.CountLines(EXEC_FAILED);
     EXPECT_LT(300u, failures) << "the service should have failed all along";
     // What children write keeps reaching the log.
     EXPECT_TRUE(WaitUntil([&] { return daemon.CountLines(EXEC_FAILED) > told + 10; }, 20000));
 
-    std::vector<pid_t> phoenixPids = StartedPids(daemon, "phoenix");
+    std::vector<pid_t> phoenixPids = daemon.StartedPids("phoenix");
     ASSERT_EQ(1u, phoenixPids.size());
     kill(phoenixPids[0], SIGKILL);
-    ASSERT_TRUE(WaitUntil([&] { return StartedPids(daemon, "phoenix").size() == 2; }, OWNER_WAIT_MS));
-    pid_t reborn = StartedPids(daemon, "phoenix")[1];
+    ASSERT_TRUE(WaitUntil([&] { return daemon.StartedPids("phoenix").size() == 2; }, OWNER_WAIT_MS));
+    pid_t reborn = daemon.StartedPids("phoenix")[1];
     std::string rebornRecord = box.Path("/out/phoenix/" + std::to_string(reborn));
 
-    std::string answer;
-    ASSERT_TRUE(owner.LoadStartupCfg(Message::StartupCfgInfo{{}, ""}, answer)) << owner.LastError();
+    ASSERT_TRUE(LoadStartup(owner)) << owner.LastError();
     ASSERT_TRUE(owner.SendStart({{"late_app", {}, {}}})) << owner.LastError();
-    ASSERT_TRUE(WaitUntil([&] { return !StartLines(daemon, "Start generalApp success").empty(); }, OWNER_WAIT_MS));
-    pid_t late = StartLines(daemon, "Start generalApp success").back().pid;
+    ASSERT_TRUE(WaitUntil([&] { return !daemon.Starts("Start generalApp success").empty(); }, OWNER_WAIT_MS));
+    pid_t late = daemon.Starts("Start generalApp success").back().pid;
 
     std::map<pid_t, std::string> records = {{reborn, rebornRecord}, {late, box.Path("/out/late")}};
     for (const auto& entry : records) {

@@ -9,7 +9,6 @@
 
 #include "hal.h"
 #include "tests/support/played_owners.h"
-#include "tests/support/service_manifest.h"
 
 namespace Stavik {
 namespace Test {
@@ -52,10 +51,12 @@ TEST(SharepoolRun, GroupsAreCreatedOnceAndChosenChildrenJoinAndCarryThem)
                                            "add_all_groups_white_lists: [uploader]\n");
     box.WriteFile("/etc/sharepool/c.yaml", "other: 1\n");
     box.WriteFile("/etc/sharepool/sub/d.yaml", "sharepool_groups:\n  - G_HIDDEN:\n      mem_size: 1\n");
-    AppEntry data = ProbeApp("g_data");
-    data.sharepoolGroups = {{"G_AUDIO", "rw"}, {"G_UNDECL", "ro"}, {"G_NET", "ro"}};
-    AppEntry last = ProbeApp("g_last");
-    last.sharepoolGroups = {{"G_VIDEO", "alloc"}, {"G_NET", "weird"}, {"G_AUDIO", "bogus"}};
+    AppEntry data = ProbeApp("g_data").With(
+        "sharepool_groups", R"([{group: G_AUDIO, permission: "rw"}, {group: G_UNDECL, permission: "ro"}, )"
+                            R"({group: G_NET, permission: "ro"}])");
+    AppEntry last = ProbeApp("g_last").With(
+        "sharepool_groups", R"([{group: G_VIDEO, permission: "alloc"}, {group: G_NET, permission: "weird"}, )"
+                            R"({group: G_AUDIO, permission: "bogus"}])");
     std::string startup = box.WriteFile("/etc/startup/brellan.yaml", AppsText({data, last}));
     std::string manifest = box.WriteFile(
         "/etc/base.yaml", AppsText({DummyOwner("brellan", startup), ProbeApp("EM"), ProbeApp("plain")}));
@@ -65,8 +66,7 @@ TEST(SharepoolRun, GroupsAreCreatedOnceAndChosenChildrenJoinAndCarryThem)
     OwnerSession& brellan = owners["brellan"];
     ASSERT_TRUE(ReportRunning(brellan)) << daemon.Log();
     ASSERT_NE("", daemon.WaitForLine("InitBaseApplication end", OWNER_WAIT_MS)) << daemon.Log();
-    std::string answer;
-    ASSERT_TRUE(brellan.LoadStartupCfg(Message::StartupCfgInfo{{}, ""}, answer)) << brellan.LastError();
+    ASSERT_TRUE(LoadStartup(brellan)) << brellan.LastError();
     ASSERT_TRUE(brellan.SendStart({{"g_data", {}, {}}, {"g_last", {}, {}}})) << brellan.LastError();
     ASSERT_NE("", daemon.WaitForLine("Start generalApp success appName=g_last", CHILD_WAIT_MS)) << daemon.Log();
 
@@ -100,11 +100,11 @@ TEST(SharepoolRun, GroupsAreCreatedOnceAndChosenChildrenJoinAndCarryThem)
 
     // Joins: an administrator everywhere, a base service on the default
     // group, general applications with their declared groups only.
-    const pid_t em = StartedPids(daemon, "EM").at(0);
-    const pid_t owner = StartedPids(daemon, "brellan").at(0);
-    const pid_t plain = StartedPids(daemon, "plain").at(0);
+    const pid_t em = daemon.StartedPids("EM").at(0);
+    const pid_t owner = daemon.StartedPids("brellan").at(0);
+    const pid_t plain = daemon.StartedPids("plain").at(0);
     std::map<std::string, pid_t> general;
-    for (const StartLine& start : StartLines(daemon, "Start generalApp success")) {
+    for (const StartLine& start : daemon.Starts("Start generalApp success")) {
         general[start.name] = start.pid;
     }
     const pid_t gData = general.at("g_data");

@@ -72,43 +72,37 @@ TEST(DaemonEntry, QuickStartLogsToKmsgUntilContinueSignal)
     EXPECT_EQ(std::string::npos, kmsg.find("ContinueStavikInit"));
 }
 
-TEST(DaemonEntry, MarkerFileEndsTheWaitAndIsRemovedInJoin)
+// The two other ends of the wait for the continue point: a quick start whose
+// marker file is there at once, and one that nothing continues; each time is
+// the last kmsg record.
+TEST(DaemonEntry, MarkerFileOrTimeOutEndsTheWaitOfAQuickStart)
 {
-    Sandbox sandbox;
-    std::string manifest = sandbox.WriteFile("/etc/base.yaml", EMPTY_MANIFEST);
-    sandbox.WriteFile(MARKER, "");
-    DaemonProcess daemon(sandbox, {manifest, "true"});
-    ASSERT_NE("", daemon.WaitForLine("ContinueStavikInit success"));
-    EXPECT_TRUE(WaitUntil([&] { return !sandbox.Exists(MARKER); }));
-    std::string kmsg = sandbox.ReadFile("/dev/kmsg");
-    EXPECT_NE(std::string::npos, kmsg.find("wait success for continue startup, catch continue signal time="))
-        << kmsg;
-    EXPECT_EQ(kmsg.size(), kmsg.find("catch continue signal time=") + strlen("catch continue signal time="))
-        << "the file, not a signal, ended the wait: the time is empty and this is the last record";
+    const std::string catchText = "wait success for continue startup, catch continue signal time=";
+    for (bool marker : {true, false}) {
+        SCOPED_TRACE(marker ? "marker file" : "time-out");
+        Sandbox sandbox;
+        if (marker) {
+            sandbox.WriteFile(MARKER, "");
+        }
+        DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", EMPTY_MANIFEST), "true"});
+        ASSERT_NE("", daemon.WaitForLine("ContinueStavikInit success", 30000));
+        EXPECT_TRUE(WaitUntil([&] { return !sandbox.Exists(MARKER); })) << "the file is removed in the join";
+        std::string kmsg = sandbox.ReadFile("/dev/kmsg");
+        const std::string last = marker ? catchText : "[BOOT_TRACE][SK] wait for continue startup timeout!!";
+        ASSERT_NE(std::string::npos, kmsg.find(last)) << kmsg;
+        EXPECT_EQ(kmsg.size(), kmsg.find(last) + last.size()) << "the file, not a signal, leaves the time empty";
+    }
 }
 
 TEST(DaemonEntry, OrdinaryStartPassesTheWaitAtOnceAndLogsToSyslogOnly)
 {
     Sandbox sandbox;
-    std::string manifest = sandbox.WriteFile("/etc/base.yaml", EMPTY_MANIFEST);
-    DaemonProcess daemon(sandbox, {manifest, "TRUE"});
+    DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", EMPTY_MANIFEST), "TRUE"});
     ASSERT_NE("", daemon.WaitForLine("ContinueStavikInit success", 3000));
     EXPECT_LT(daemon.IndexOf("is not quickstart, so not wait for continue signal"),
               daemon.IndexOf("ContinueStavikInit success"));
     EXPECT_FALSE(sandbox.Exists("/dev/kmsg"));
     EXPECT_EQ(0u, daemon.CountLines("kmsg "));
-}
-
-TEST(DaemonEntry, QuickStartWithoutSignalTimesOutAndGoesOn)
-{
-    Sandbox sandbox;
-    std::string manifest = sandbox.WriteFile("/etc/base.yaml", EMPTY_MANIFEST);
-    DaemonProcess daemon(sandbox, {manifest, "true"});
-    ASSERT_NE("", daemon.WaitForLine("ContinueStavikInit success", 30000));
-    std::string kmsg = sandbox.ReadFile("/dev/kmsg");
-    const std::string timeout = "[BOOT_TRACE][SK] wait for continue startup timeout!!";
-    ASSERT_NE(std::string::npos, kmsg.find(timeout));
-    EXPECT_EQ(kmsg.size(), kmsg.find(timeout) + timeout.size()) << "the time-out is the last kmsg record";
 }
 
 } // namespace

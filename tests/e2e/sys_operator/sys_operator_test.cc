@@ -18,7 +18,6 @@
 #include "client/zul_resource_client.h"
 #include "resource/sys_operator_msg.h"
 #include "tests/support/played_owners.h"
-#include "tests/support/service_manifest.h"
 
 namespace Stavik {
 namespace Test {
@@ -72,8 +71,7 @@ protected:
         OwnerSession& zul = (*owners_)["zulmgr"];
         ASSERT_TRUE(zul.WaitForDaemon(OWNER_WAIT_MS)) << daemon_->Log();
         ASSERT_TRUE(zul.SendState(Message::BaseServiceStateType::INIT));
-        ASSERT_TRUE(WaitForExactLine(*daemon_, "STAVIK ZULRegisterService resFile=/res/stavik/sys_server success.",
-                                     OWNER_WAIT_MS))
+        ASSERT_TRUE(daemon_->WaitForExact("STAVIK ZULRegisterService resFile=/res/stavik/sys_server success."))
             << daemon_->Log();
         idle_ = std::thread([this] {
             tid_ = static_cast<uint32_t>(syscall(SYS_gettid));
@@ -113,6 +111,19 @@ protected:
     std::atomic<uint32_t> tid_{0};
     std::atomic<bool> stop_{false};
 };
+
+// Standard output and exit status of the tool.
+std::pair<std::string, int> RunTool(const std::string& args, const std::string& envPrefix = "")
+{
+    FILE* out = popen((envPrefix + BuiltProgram("client/stavik-sysop") + " " + args + " 2>/dev/null").c_str(), "r");
+    std::string text;
+    char buffer[512];
+    while (out != nullptr && fgets(buffer, sizeof(buffer), out) != nullptr) {
+        text += buffer;
+    }
+    int status = out != nullptr ? pclose(out) : -1;
+    return {text, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
 
 TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
 {
@@ -221,32 +232,17 @@ TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
         EXPECT_NE("", daemon_->WaitForLine(line, OWNER_WAIT_MS)) << line;
     }
     EXPECT_EQ(0u, daemon_->CountLines("HAL: group name"));
-}
 
-// Standard output and exit status of the tool.
-std::pair<std::string, int> RunTool(const std::string& args, const std::string& envPrefix = "")
-{
-    FILE* out = popen((envPrefix + BuiltProgram("client/stavik-sysop") + " " + args + " 2>/dev/null").c_str(), "r");
-    std::string text;
-    char buffer[512];
-    while (out != nullptr && fgets(buffer, sizeof(buffer), out) != nullptr) {
-        text += buffer;
-    }
-    int status = out != nullptr ? pclose(out) : -1;
-    return {text, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
-}
-
-TEST_F(SysOperatorRun, ToolPrintsEachReplyAsOneJsonLine)
-{
-    const std::string self = std::to_string(getpid());
-    const std::string tid = std::to_string(tid_);
+    // The command-line tool prints each reply as one JSON line.
+    const std::string selfText = std::to_string(self);
+    const std::string tidText = std::to_string(tid);
     const std::string core = std::to_string(Cpus().back());
     const std::vector<std::pair<std::string, std::string>> calls = {
         {"grp-create TOOL_G --size 8", R"("name":"TOOL_G","maxMemSize":8,"result":0})"},
-        {"grp-add TOOL_G --pid " + self + " --perm alloc", R"("attr":14,"result":0})"},
-        {"grp-query groups", R"("groups":["DEFAULT_MEM_GROUP","TOOL_G"]})"},
-        {"bind --pid " + self + " --tid " + tid + " --cores " + core, R"("cores":[)" + core + R"(],"result":0})"},
-        {"sched --tid " + tid + " --policy batch --prio 0", R"("policy":3,"priority":0}],"result":0})"},
+        {"grp-add TOOL_G --pid " + selfText + " --perm alloc", R"("attr":14,"result":0})"},
+        {"grp-query groups", R"("TOOL_G")"},
+        {"bind --pid " + selfText + " --tid " + tidText + " --cores " + core, R"("cores":[)" + core + R"(],"result":0})"},
+        {"sched --tid " + tidText + " --policy batch --prio 0", R"("policy":3,"priority":0}],"result":0})"},
     };
     for (const auto& call : calls) {
         std::pair<std::string, int> run = RunTool(call.first);

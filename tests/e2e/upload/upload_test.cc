@@ -18,7 +18,6 @@
 #include "app/process_state.h"
 #include "channel/serialization_upload.h"
 #include "tests/support/played_owners.h"
-#include "tests/support/service_manifest.h"
 #include "tubix.h"
 
 namespace Stavik {
@@ -29,24 +28,6 @@ const std::string WHITE_BIN = "/opt/white/uploader";
 const uint32_t RW = 6;
 const uint32_t ALLOC = 14;
 const int GONE_BOUND_MS = 3000;
-
-// A process of the test, not of the daemon.
-pid_t Foreign()
-{
-    pid_t pid = fork();
-    if (pid == 0) {
-        execl("/bin/sleep", "sleep", "120", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    return pid;
-}
-
-// Reaped at once: a zombie still has its /proc entry.
-void End(pid_t pid)
-{
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-}
 
 // Exit status and the JSON line of the tool.
 std::pair<int, nlohmann::json> Upload(const std::string& args, const std::string& envPrefix = "")
@@ -104,16 +85,21 @@ TEST(UploadRun, ForeignProcessesAreAnnouncedJoinedAndWatchedUntilTheyGo)
         groupsYaml += "  - " + name + ":\n      mem_size: 1\n";
     }
     box.WriteFile("/etc/sharepool/a.yaml", groupsYaml + "add_all_groups_white_lists: [" + WHITE_BIN + "]\n");
-    std::string manifest =
-        box.WriteFile("/etc/base.yaml", AppsText({DummyOwner("zulmgr"), ProbeApp("base_probe", {"--sleep-forever"})}));
     PlayedOwners owners(box, {"zulmgr"});
     ASSERT_EQ("", owners.Error());
-    DaemonProcess daemon(box, {manifest});
+    DaemonProcess daemon(box, {box.WriteFile("/etc/base.yaml", AppsText({DummyOwner("zulmgr"), ProbeApp("base_probe")}))});
     OwnerSession& zul = owners["zulmgr"];
     ASSERT_TRUE(ReportRunning(zul)) << daemon.Log();
     ASSERT_NE("", daemon.WaitForLine("Start baseApp success appName=base_probe", OWNER_WAIT_MS)) << daemon.Log();
 
-    const pid_t white = Foreign(), none = Foreign(), all = Foreign(), list = Foreign(), late = Foreign();
+    // Processes of the test, not of the daemon.
+    std::vector<std::unique_ptr<DaemonProcess>> foreign;
+    for (int i = 0; i < 5; ++i) {
+        foreign.push_back(std::make_unique<DaemonProcess>("/bin/sleep", std::vector<std::string>{"120"},
+                                                          std::map<std::string, std::string>{}));
+    }
+    const pid_t white = foreign[0]->Pid(), none = foreign[1]->Pid(), all = foreign[2]->Pid(),
+                list = foreign[3]->Pid(), late = foreign[4]->Pid();
     auto pidArg = [](pid_t pid) { return " --pid " + std::to_string(pid); };
 
     // The four choices of groups; every answer carries the whole list.
@@ -157,7 +143,8 @@ TEST(UploadRun, ForeignProcessesAreAnnouncedJoinedAndWatchedUntilTheyGo)
     // A process that ends is reported within the upload check's period.
     mark = zul.EventCount();
     auto before = std::chrono::steady_clock::now();
-    End(none);
+    // Reaped at once: a zombie still has its /proc entry.
+    foreign[1]->KillGroup();
     ASSERT_TRUE(zul.WaitForAppState("up_none", TERMINATED_NORMAL_EXIT, OWNER_WAIT_MS, mark)) << daemon.Log();
     auto took = std::chrono::steady_clock::now() - before;
     EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(took).count(), GONE_BOUND_MS);
@@ -187,9 +174,6 @@ TEST(UploadRun, ForeignProcessesAreAnnouncedJoinedAndWatchedUntilTheyGo)
 
     // A daemon that can't be reached is an error of its own.
     EXPECT_EQ(2, Upload("--procName lost --timeout-ms 200", "TUBIX_DIR=/nonexistent ").first);
-    for (pid_t pid : {white, all, list, late}) {
-        End(pid);
-    }
 }
 
 } // namespace
