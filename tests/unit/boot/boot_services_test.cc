@@ -1,11 +1,10 @@
-// What the daemon asks of the kill manager, the watchdog and the boot-dot
-// files, with stand-ins for the two kernel calls: no driver is touched.
+// What the daemon asks of the watchdog, with stand-ins for the two kernel
+// calls: no driver is touched.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
 #include "boot/kernel_calls.h"
-#include "boot/kill_mgr.h"
 #include "boot/stavik_cfg.h"
 #include "core/boot_context.h"
 #include "core/log.h"
@@ -17,14 +16,13 @@ namespace {
 struct KernelRequest {
     unsigned long request;
     unsigned long arg;
-    std::string data; // a task request's 84 bytes, or the module parameters
+    std::string params;
 };
 std::vector<KernelRequest> requests;
 
 int RecordIoctl(int, unsigned long request, unsigned long arg)
 {
-    bool isTask = request == 0x40046B03 || request == 0x40046B04;
-    requests.push_back({request, arg, isTask ? std::string(reinterpret_cast<const char*>(arg), 84) : ""});
+    requests.push_back({request, arg, ""});
     return 0;
 }
 
@@ -48,8 +46,6 @@ protected:
     {
         LogCapture::End();
         CurrentKernelCalls() = saved_;
-        context_.CloseKillMgr();
-        context_.isKillMgrWait_ = 0;
         unsetenv("STAVIK_SYSROOT");
     }
 
@@ -57,33 +53,6 @@ protected:
     KernelCalls saved_ = CurrentKernelCalls();
     BootContext& context_ = BootContext::Instance();
 };
-
-TEST_F(BootServices, KillManagerAndBootDotGetTheirRequestsOrOneWarningEach)
-{
-    context_.ModifyKillMgrTask("early", 7, KILL_MGR_TASK_START);
-    for (uint32_t code : {0x10000001u, 0x20000001u, 0x30000001u, 0x40000001u, 0xFFFFFFFFu}) {
-        context_.BootMark(code);
-    }
-    EXPECT_EQ(1u, LogCapture::Count("ModifyKillMgrTask file not exist."));
-    EXPECT_EQ(5u, LogCapture::Count("stavik open file=" + sandbox_.Path("/proc/bootdot/setblk") + " fail"));
-    EXPECT_EQ(2u, LogCapture::Count("stavik open file=" + sandbox_.Path("/dev/ttyAMA0") + " fail"));
-
-    sandbox_.WriteFile("/proc/kill_mgr", "");
-    sandbox_.WriteFile("/dev/ttyAMA0", "");
-    context_.OpenKillMgr();
-    context_.ModifyKillMgrTask("svc", 42, KILL_MGR_TASK_START);
-    context_.ModifyKillMgrTask(std::string(80, 'x'), 44, KILL_MGR_TASK_END);
-    context_.StartWaitKillMgr();
-    context_.BootMark(0);
-    ASSERT_EQ(2u, requests.size());
-    EXPECT_EQ(0x40046B03u, requests[0].request);
-    EXPECT_EQ(std::string("\x2a\0\0\0svc", 7) + std::string(77, '\0'), requests[0].data);
-    EXPECT_EQ(1u, LogCapture::Count("strcpy_s failed. ret:"));
-    EXPECT_EQ(0x40046B05u, requests[1].request);
-    EXPECT_EQ(200u, requests[1].arg);
-    EXPECT_EQ(1, context_.isKillMgrWait_.load());
-    EXPECT_NE(std::string::npos, sandbox_.ReadFile("/dev/ttyAMA0").find("]sk=0x0\n"));
-}
 
 TEST_F(BootServices, WatchdogDecisionsFollowCommandLineConfigurationAndModuleList)
 {
@@ -123,7 +92,7 @@ TEST_F(BootServices, WatchdogDecisionsFollowCommandLineConfigurationAndModuleLis
         EXPECT_EQ(c.result, context_.InsertWatchdogKo(cfg)) << c.line;
         EXPECT_TRUE(LogCapture::Contains(c.line)) << c.line;
         ASSERT_EQ(c.params.empty() ? 0u : 1u, requests.size()) << c.line;
-        EXPECT_TRUE(c.params.empty() || (c.params == requests[0].data && requests[0].arg == 0)) << c.line;
+        EXPECT_TRUE(c.params.empty() || (c.params == requests[0].params && requests[0].arg == 0)) << c.line;
     }
     context_.yrncoreEnable_ = context_.disableWatchDog_ = false;
 

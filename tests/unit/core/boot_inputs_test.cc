@@ -1,14 +1,12 @@
-// The daemon's own configuration file, the command-line reader's quirks and
-// the path rules of the digest check, read in a sandbox root.
+// The daemon's own configuration file and the command-line reader's quirks,
+// read in a sandbox root.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 
 #include "boot/cmdline.h"
 #include "boot/stavik_cfg.h"
 #include "core/log.h"
-#include "supervision/integrity.h"
 #include "tests/support/sandbox.h"
 
 namespace Stavik {
@@ -90,33 +88,6 @@ TEST_F(BootInputs, BootArgumentsMatchTextNotWordsAndAKeyEndingTheLineIsAbsent)
     EXPECT_EQ(Set{}, ParseBootArgs("quiet stavik", "stavik", ","));
     EXPECT_EQ(Set{}, ParseBootArgs("stavik=", "stavik", ","));
     EXPECT_EQ(1u, LogCapture::Count("Stavik: cmdline key=stavik ends the line without a value, taken as absent"));
-}
-
-// Helpers are collected by the check itself: no child is left behind.
-TEST_F(BootInputs, DigestCheckLooksUpTheLastPathComponentAndRefusesBareNames)
-{
-    const std::string longLine = std::string(150, 'y') + "=" + std::string(149, 'z');
-    box_.WriteFile("/etc/qel/base-plat/stavik-daemon/bin_hash.cfg",
-                   "app=" + std::string(64, '0') + "\n=x\nlonely=\n" + longLine + "\n\nx=1=2\n");
-    IntegrityProtect& protect = IntegrityProtect::Instance();
-    protect.LoadHashConfig();
-    EXPECT_EQ(3u, LogCapture::Count("STAVIK: hash config string=" +
-                                    box_.Path("/etc/qel/base-plat/stavik-daemon/bin_hash.cfg") + " format is false"));
-    for (const std::string path : {"", "app", "a/", "///", "ab"}) {
-        EXPECT_FALSE(protect.CheckApp(path)) << path;
-        const std::string illegal = "STAVIK: IntegrityProtect appPath=" + path + " is illegal";
-        EXPECT_EQ(path.empty() ? 0u : 1u, LogCapture::Count(illegal));
-    }
-    EXPECT_TRUE(protect.CheckApp("/unlisted"));
-    EXPECT_TRUE(protect.CheckApp("/dir/lonely"));
-    for (const std::string path : {"/app", "/no/such/dir/app/", "x/app//"}) {
-        EXPECT_FALSE(protect.CheckApp(path)) << path;
-        EXPECT_EQ(1u, LogCapture::Count("STAVIK: IntegrityProtect sha256sum failed for app=" + path)) << path;
-    }
-    siginfo_t info {};
-    EXPECT_TRUE(waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == 0) << info.si_pid;
-    box_.WriteFile("/etc/qel/base-plat/stavik-daemon/bin_hash.cfg", "");
-    protect.LoadHashConfig();
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #include "owner_test_env.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
@@ -35,7 +34,7 @@ FakeDaemon::~FakeDaemon()
 bool FakeDaemon::Open(const std::string& owner)
 {
     std::shared_ptr<State> state = state_;
-    fd_ = IpcShared::OpenPipe(owner, [state](int32_t fd, const TubixRequest* req) { OnMessage(*state, fd, req); },
+    fd_ = IpcShared::OpenPipe(owner, [state](int32_t, const TubixRequest* req) { OnMessage(*state, req); },
                               TIMEOUT_MS);
     return fd_ > 0;
 }
@@ -49,40 +48,17 @@ void FakeDaemon::Close()
     fd_ = -1;
 }
 
-void FakeDaemon::Answer(uint32_t type, const std::string& text)
+void FakeDaemon::OnMessage(State& state, const TubixRequest* req)
 {
-    std::lock_guard<std::mutex> guard(state_->mutex);
-    state_->answers[type] = text;
-}
-
-void FakeDaemon::OnMessage(State& state, int32_t fd, const TubixRequest* req)
-{
-    if (req == nullptr) {
-        return;
-    }
-    std::string message(static_cast<const char*>(req->data), req->size);
-    std::string answer;
-    bool answered = false;
-    {
+    if (req != nullptr) {
         std::lock_guard<std::mutex> guard(state.mutex);
-        state.messages.push_back(message);
-        uint32_t type = 0;
-        memcpy(&type, message.data(), std::min(message.size(), sizeof(type)));
-        auto found = state.answers.find(type);
-        answered = message.size() == sizeof(RequestMsg) && found != state.answers.end();
-        answer = answered ? found->second : "";
-    }
-    state.changed.notify_all();
-    if (answered) {
-        TubixSendResponse(fd, TubixResponse{req->id, &answer[0], static_cast<uint32_t>(answer.size())});
+        state.messages.emplace_back(static_cast<const char*>(req->data), req->size);
     }
 }
 
 bool FakeDaemon::WaitForMessages(size_t count) const
 {
-    std::unique_lock<std::mutex> lock(state_->mutex);
-    return state_->changed.wait_for(lock, std::chrono::milliseconds(TIMEOUT_MS),
-                                    [&] { return state_->messages.size() >= count; });
+    return Stavik::Test::WaitUntil([&] { return Messages().size() >= count; }, TIMEOUT_MS);
 }
 
 std::vector<std::string> FakeDaemon::Messages() const
@@ -137,17 +113,14 @@ bool FakeDaemon::SendBytes(const std::string& bytes)
     return TubixSendRequest(fd_, TubixRequest{0, bytes.data(), static_cast<uint32_t>(bytes.size())}) == 0;
 }
 
-std::unique_ptr<DaemonProcess> RunTool(const Stavik::Test::Sandbox& sandbox, const std::vector<std::string>& args,
-                                       const std::string& stdinText)
+std::unique_ptr<DaemonProcess> RunTool(const Stavik::Test::Sandbox& sandbox, const std::vector<std::string>& args)
 {
     // The collector reads standard error, so the tool's output is sent there.
-    std::vector<std::string> words = {"-c", "exec \"$0\" \"$@\" <\"$OWNER_STDIN\" 1>&2",
+    std::vector<std::string> words = {"-c", "exec \"$0\" \"$@\" </dev/null 1>&2",
                                       Stavik::Test::BuiltProgram("client/stavik-owner")};
     words.insert(words.end(), args.begin(), args.end());
-    std::string input = sandbox.WriteFile("/owner-stdin.txt", stdinText);
     return std::make_unique<DaemonProcess>("/bin/sh", words,
-                                           std::map<std::string, std::string>{{"TUBIX_DIR", sandbox.TubixDir()},
-                                                                              {"OWNER_STDIN", input}});
+                                           std::map<std::string, std::string>{{"TUBIX_DIR", sandbox.TubixDir()}});
 }
 
 std::vector<json> ToolEvents(const DaemonProcess& tool)

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -29,16 +28,15 @@ protected:
     std::unique_ptr<Stavik::Test::Sandbox> sandbox_;
 };
 
-// The daemon's end of an owner pipe: opens it as the daemon does, keeps every
-// message that arrives and answers start-up configuration calls.
+// The daemon's end of an owner pipe: opens it as the daemon does and keeps
+// every message that arrives.
 class FakeDaemon {
 public:
     ~FakeDaemon();
     bool Open(const std::string& owner);
     void Close();
-    // Answer for calls of this record type; other types get none.
-    void Answer(uint32_t type, const std::string& text);
 
+    // Polled, bounded.
     bool WaitForMessages(size_t count) const;
     std::vector<std::string> Messages() const;
     // Message i read as a record.
@@ -53,23 +51,19 @@ private:
     // Shared with the pipe's callback, which may still run after the close.
     struct State {
         std::mutex mutex;
-        std::condition_variable changed;
         std::vector<std::string> messages;
-        std::map<uint32_t, std::string> answers;
     };
 
-    static void OnMessage(State& state, int32_t fd, const TubixRequest* req);
+    static void OnMessage(State& state, const TubixRequest* req);
     bool Send(const Stavik::Message::RequestMsg& record);
 
     int32_t fd_ = -1;
     const std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
-// stavik-owner with these arguments, its standard output collected, its
-// standard input read from a file holding stdinText.
+// stavik-owner with these arguments, its standard output collected.
 std::unique_ptr<Stavik::Test::DaemonProcess> RunTool(const Stavik::Test::Sandbox& sandbox,
-                                                     const std::vector<std::string>& args,
-                                                     const std::string& stdinText = "");
+                                                     const std::vector<std::string>& args);
 // The JSON lines of the tool so far.
 std::vector<json> ToolEvents(const Stavik::Test::DaemonProcess& tool);
 // The nth (from 0) event of this kind, waiting for it; null when it didn't come.

@@ -64,22 +64,6 @@ TEST_F(OwnerToolTest, SendsTheCommandLineRequestsInOrderOnceTheDaemonConnects)
     EXPECT_EQ(tool->WaitExit(TIMEOUT_MS), 0);
 }
 
-TEST_F(OwnerToolTest, StartBodiesFollowTheDialectOfTheNameUnlessTheRequestNamesOne)
-{
-    auto tool = RunTool(*sandbox_, {"--name", "zulmgr",
-        "--request", R"({"type":"start","apps":[{"name":"z","argv":["1","2"]}]})",
-        "--request", R"({"type":"start","apps":[{"name":"z","dynamic":{"1":["v"]}}]})",
-        "--request", R"({"type":"restart","dialect":"general","apps":[{"name":"r","dynamic":{"1":["v"]}}]})"});
-    FakeDaemon daemon;
-    ASSERT_TRUE(daemon.Open("zulmgr"));
-    ASSERT_TRUE(daemon.WaitForMessages(2));
-
-    EXPECT_EQ(Body(daemon.Record(0)), "1#z#2#1#2#");
-    std::string refused = WaitForEvent(*tool, "error")["message"];
-    EXPECT_NE(refused.find("zulmgr dialect"), std::string::npos) << refused;
-    EXPECT_EQ(Body(daemon.Record(1)), "1#r#0#1#1#1#v#");
-}
-
 TEST_F(OwnerToolTest, PrintsEveryRecordTheDaemonSendsAndTheDisconnect)
 {
     auto tool = RunTool(*sandbox_, {"--name", "svc"});
@@ -109,52 +93,6 @@ TEST_F(OwnerToolTest, PrintsEveryRecordTheDaemonSendsAndTheDisconnect)
     EXPECT_EQ(notRecord["length"], 100);
     EXPECT_FALSE(notRecord.contains("type"));
     EXPECT_FALSE(WaitForEvent(*tool, "disconnected").is_null());
-}
-
-TEST_F(OwnerToolTest, AnswersOfStartupCfgCallsArePrintedAndBadLinesOnlyGiveErrors)
-{
-    const size_t deep = 100000;
-    std::string lines = std::string("not json\n") + R"({"type":"nope"})" + "\n" +
-                        R"({"type":"query","apps":[],"x":)" + std::string(deep, '[') + std::string(deep, ']') + "}\n" +
-                        R"({"type":"term","apps":"a"})" + "\n" +
-                        R"({"type":"exec","appName":"e","pid":-1})" + "\n" +
-                        R"({"type":"raw","msgType":1,"body":")" + std::string(4000, 'x') + "\"}\n\n" +
-                        R"({"type":"load","path":"/etc/x.yaml","match":{"k":"v"}})" + "\n" +
-                        R"({"type":"reload","path":"/etc/y.yaml"})" + "\n" +
-                        R"({"type":"query","apps":["a"]})" + "\n";
-    auto tool = RunTool(*sandbox_, {"--name", "svc", "--stdin"}, lines);
-    FakeDaemon daemon;
-    daemon.Answer(LOAD_STARTUP_CFG, "0");
-    daemon.Answer(RELOAD_STARTUP_CFG, "3");
-    ASSERT_TRUE(daemon.Open("svc"));
-
-    EXPECT_EQ(WaitForEvent(*tool, "response", 0), json::parse(R"({"event":"response","request":"load","text":"0"})"));
-    EXPECT_EQ(WaitForEvent(*tool, "response", 1)["text"], "3");
-    EXPECT_EQ(WaitForEvent(*tool, "sent")["request"]["type"], "query");
-    size_t errors = 0;
-    for (const json& event : ToolEvents(*tool)) {
-        errors += event["event"] == "error" ? 1 : 0;
-    }
-    EXPECT_EQ(errors, 6u);
-    ASSERT_TRUE(daemon.WaitForMessages(3));
-    StartupCfgInfo loaded;
-    StavikUnpackMatchDataAndPathRequest(daemon.Record(0), loaded);
-    EXPECT_EQ(loaded.path, "/etc/x.yaml");
-    EXPECT_EQ(loaded.matchData, (std::map<std::string, std::string>{{"k", "v"}}));
-    EXPECT_EQ(daemon.Record(1).type, RELOAD_STARTUP_CFG);
-    tool->Signal(SIGINT);
-    EXPECT_EQ(tool->WaitExit(TIMEOUT_MS), 0);
-}
-
-TEST_F(OwnerToolTest, WithoutADaemonRequestsFailAndTheToolEndsOnTime)
-{
-    auto tool = RunTool(*sandbox_, {"--name", "svc", "--wait-daemon-ms", "50", "--exit-after-ms", "1000",
-                                    "--request", R"({"type":"term","apps":["a"]})"});
-    EXPECT_NE(WaitForEvent(*tool, "error", 0)["message"].get<std::string>().find("no pipe within 50 ms"),
-              std::string::npos);
-    EXPECT_NE(WaitForEvent(*tool, "error", 1)["message"].get<std::string>().find("no pipe from the daemon"),
-              std::string::npos);
-    EXPECT_EQ(tool->WaitExit(TIMEOUT_MS), 0);
 }
 
 } // namespace

@@ -90,7 +90,7 @@ TEST_F(CheckPass, FinishedRecordsGoUnlessTheirBasePolicyIsResident)
     AddGeneral("working", "owner", 21, RUNNING);
     daemon_->RemoveFinishedApps();
 
-    ASSERT_EQ(2u, BaseCount());
+    ASSERT_EQ(2u, executedBaseApp_.size());
     EXPECT_EQ("live", executedBaseApp_[0].appName_);
     EXPECT_EQ("resident", executedBaseApp_[1].appName_);
     EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : Process gone removed from the list of executedBaseApp_"));
@@ -110,7 +110,7 @@ TEST_F(CheckPass, PassOverRecordsAtRestIsSilent)
     daemon_->CheckGeneralApps();
     daemon_->RemoveFinishedApps();
     EXPECT_TRUE(LogCapture::Lines().empty());
-    EXPECT_EQ(16u, BaseCount());
+    EXPECT_EQ(16u, executedBaseApp_.size());
 }
 
 } // namespace

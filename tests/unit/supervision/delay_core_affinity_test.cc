@@ -247,9 +247,6 @@ TEST_F(DaemonSteps, DelayedBindingCheckStopAndWakeUp)
     EXPECT_EQ((std::vector<CpuSet>{DELAYED, DELAYED, CTRL, CTRL}), On(all));
 
     skUploadAppMap_.clear();
-    for (pid_t pid : all) {
-        KillAndReap(pid);
-    }
 }
 
 } // namespace
