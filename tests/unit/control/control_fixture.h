@@ -118,17 +118,6 @@ protected:
         return app;
     }
 
-    // A RUNNING record with a real child behind it.
-    AppPtr Running(const std::string& name)
-    {
-        AppPtr app = Live(name, INITSTATE, 0);
-        std::lock_guard<std::mutex> lock(generalAppMutex_);
-        EXPECT_TRUE(app->StartProcess());
-        EXPECT_GT(app->pid_, 0);
-        app->state_ = RUNNING;
-        return app;
-    }
-
     static bool IsLive(const std::string& name)
     {
         std::lock_guard<std::mutex> lock(generalAppMutex_);

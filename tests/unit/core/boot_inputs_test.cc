@@ -1,11 +1,12 @@
-// The daemon's own configuration file and the command-line reader's quirks,
-// read in a sandbox root.
+// The daemon's own configuration file, the command-line reader's quirks and
+// the boot stamp, read in a sandbox root.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 
 #include "boot/cmdline.h"
 #include "boot/stavik_cfg.h"
+#include "core/boot_strace.h"
 #include "core/log.h"
 #include "tests/support/sandbox.h"
 
@@ -79,6 +80,10 @@ TEST_F(BootInputs, ConfigurationFileFillsWhatItHasAndKeepsTheDefaultsElsewhere)
 
 TEST_F(BootInputs, BootArgumentsMatchTextNotWordsAndAKeyEndingTheLineIsAbsent)
 {
+    // The boot stamp's fraction survives, and without a frequency there is none.
+    EXPECT_EQ("[0.500000s][BOOT_TRACE][X]", FormatBootStrace(1, 2, "X"));
+    EXPECT_EQ("", FormatBootStrace(12345, 0, "SK"));
+
     using Set = std::set<std::string>;
     EXPECT_EQ((Set{"a", "boot:b"}), ParseBootArgs("x stavik=a,,boot:b, y=1", "stavik", ","));
     EXPECT_EQ((Set{"a"}), ParseBootArgs("xstavik=a stavik=b", "stavik", ","));

@@ -2,8 +2,6 @@
 // moves on by hand.
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "core/log.h"
 #include "supervision/sys_check_server.h"
@@ -91,50 +89,12 @@ TEST_F(MemoryCheck, TheBandHoldsTheFaultAndTheScriptRunsOncePerShortage)
     EXPECT_TRUE(LogCapture::Contains("ReportEvent freeSize=300000KB, lowerThreshold=307200KB"));
     server_.Stop();
     EXPECT_FALSE(sandbox_.Exists("/hal/sensor_os-memory_dev0"));
-}
 
-TEST_F(MemoryCheck, NodeListsCoherentDeviceNodesAndUnreadableFiles)
-{
-    const std::vector<std::pair<std::string, std::vector<int32_t>>> items = {
+    const std::vector<std::pair<std::string, std::vector<int32_t>>> lists = {
         {"0-2", {0, 1, 2}}, {"5\n", {5}}, {"3-3", {3}}, {"4-2", {}}, {"-3", {}}, {"3-", {}}, {"x", {}}, {"", {}}};
-    for (const auto& item : items) {
-        EXPECT_EQ(item.second, server_.ParseNumaNodeList(item.first)) << item.first;
+    for (const auto& list : lists) {
+        EXPECT_EQ(list.second, server_.ParseNumaNodeList(list.first)) << list.first;
     }
-    EXPECT_TRUE(LogCapture::Contains("Get numa node list, exception is thrown out. (str=x,detail=stoi)"));
-
-    // Without a list of coherent device nodes the normal-memory list counts.
-    sandbox_.WriteFile("/sys/devices/system/node/has_normal_memory", "0-2,5\n");
-    sandbox_.WriteFile("/sys/devices/system/node/has_memory", "0-3\n");
-    std::set<int32_t> nodes;
-    ASSERT_TRUE(server_.GetOsNumaNodes(nodes));
-    EXPECT_EQ(std::set<int32_t>({0, 1, 2, 5}), nodes);
-    sandbox_.WriteFile("/sys/devices/system/node/is_cdm_node", "1,3\n");
-    ASSERT_TRUE(server_.GetOsNumaNodes(nodes));
-    EXPECT_EQ(std::set<int32_t>({0, 2}), nodes);
-    EXPECT_TRUE(LogCapture::Contains("numa node 2 is managed by os."));
-
-    // A node file missing fails the reading and changes nothing.
-    SetFree(0, "1");
-    uint64_t total = 0;
-    EXPECT_FALSE(server_.GetFreeMemory(total));
-    EXPECT_TRUE(LogCapture::Contains("Cannot open node statistic file " + sandbox_.Path("/sys/devices/system/node/node2/meminfo")));
-    SetFree(2, "7");
-    total = 0;
-    EXPECT_TRUE(server_.GetFreeMemory(total));
-    EXPECT_EQ(8u, total);
-
-    // A coherent device list that can't be read disables the check for good.
-    SysCheckState fresh;
-    SysCheckServer server(fresh, [] { return 0; });
-    const std::string cdmList = sandbox_.Path("/sys/devices/system/node/is_cdm_node");
-    ASSERT_EQ(0, unlink(cdmList.c_str()));
-    ASSERT_EQ(0, mkdir(cdmList.c_str(), 0755));
-    EXPECT_FALSE(server.GetFreeMemory(total));
-    EXPECT_TRUE(fresh.isScanFailed);
-    ASSERT_EQ(0, rmdir(cdmList.c_str()));
-    const size_t scans = LogCapture::Count("Get numa node ");
-    EXPECT_FALSE(server.GetFreeMemory(total));
-    EXPECT_EQ(scans, LogCapture::Count("Get numa node "));
 }
 
 } // namespace
