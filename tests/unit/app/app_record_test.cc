@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "app/app_info.h"
 #include "app/home_env.h"
 #include "app_test_util.h"
@@ -100,27 +102,17 @@ TEST(AppRecord, UpdateAppInfoTakesOnlyTheStartDescription)
     second.startupPriority = -1;
     app.UpdateAppInfo(ApplicationManifest(second));
 
+    // The start description is taken, ...
     EXPECT_EQ(app.appName_, "worker_${*}");
-    EXPECT_EQ(app.execPath_, "/opt/other");
-    EXPECT_EQ(app.env_, second.env);
-    EXPECT_EQ(app.uid_, 2000u);
-    EXPECT_EQ(app.nice_, 3);
-    EXPECT_EQ(app.termTimeOut_, 900u);
-    EXPECT_EQ(app.cgroupPath_, second.cgroupPath);
-    EXPECT_EQ(app.vfId_, 4);
-    EXPECT_TRUE(app.coreAffinity_.empty());
-    EXPECT_EQ(app.schedPolicy_, SK_SCHED_FIFO);
-    EXPECT_FALSE(app.isDelayCoreAffinity_);
-
-    EXPECT_EQ(app.restart_, "on-failure");
-    EXPECT_EQ(app.ownerName_, "zulmgr");
-    EXPECT_EQ(app.nodeType_, 7u);
-    EXPECT_EQ(app.startupPriority_, 3);
-    EXPECT_TRUE(app.isDynamicExecPath_);
-    EXPECT_EQ(app.execPathPattern_, "${/opt/*}");
-    EXPECT_EQ(app.pid_, 42);
-    EXPECT_EQ(app.state_, RUNNING);
-    EXPECT_TRUE(app.isKillSent_);
+    EXPECT_EQ(std::make_tuple(app.execPath_, app.env_, app.uid_, app.nice_, app.termTimeOut_, app.cgroupPath_),
+              std::make_tuple(second.binPath, second.env, 2000u, 3, 900u, second.cgroupPath));
+    EXPECT_EQ(std::make_tuple(app.vfId_, app.coreAffinity_.empty(), app.schedPolicy_, app.isDelayCoreAffinity_),
+              std::make_tuple(4, true, SK_SCHED_FIFO, false));
+    // ... the policy, the owner, the dynamic patterns and the process stay.
+    EXPECT_EQ(std::make_tuple(app.restart_, app.ownerName_, app.nodeType_, app.startupPriority_),
+              std::make_tuple(std::string("on-failure"), std::string("zulmgr"), 7u, 3));
+    EXPECT_EQ(std::make_tuple(app.isDynamicExecPath_, app.execPathPattern_, app.pid_, app.state_, app.isKillSent_),
+              std::make_tuple(true, std::string("${/opt/*}"), 42, RUNNING, true));
 }
 
 } // namespace

@@ -119,9 +119,7 @@ TEST(OwnerTool, SendsTheCommandLineRequestsInOrderOnceTheDaemonConnects)
     EXPECT_EQ(WaitForEvent(tool, "listening")["name"], "svc");
     FakeDaemon daemon;
     ASSERT_TRUE(daemon.Open("svc"));
-    json connected = WaitForEvent(tool, "connected");
-    EXPECT_EQ(connected["client"], "STAVIK");
-    EXPECT_GT(connected["fd"].get<int>(), 0);
+    EXPECT_EQ(WaitForEvent(tool, "connected")["client"], "STAVIK");
     ASSERT_TRUE(Stavik::Test::WaitUntil([&] { return daemon.Texts().size() >= 8; }, TIMEOUT_MS));
 
     // The text bodies byte for byte; the daemon's unpackers read them in the wire tests.
@@ -145,7 +143,6 @@ TEST(OwnerTool, SendsTheCommandLineRequestsInOrderOnceTheDaemonConnects)
     EXPECT_EQ(daemon.Texts()[7], std::string(100, '\0'));
 
     EXPECT_EQ(WaitForEvent(tool, "sent", 7)["request"]["type"], "raw-bytes");
-    EXPECT_EQ(WaitForEvent(tool, "sent", 0)["request"]["type"], "start");
     tool.Signal(SIGTERM);
     EXPECT_EQ(tool.WaitExit(TIMEOUT_MS), 0);
     unsetenv("PROC_NAME");

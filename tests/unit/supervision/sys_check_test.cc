@@ -28,11 +28,10 @@ protected:
         unsetenv("STAVIK_SYSROOT");
     }
 
-    void SetFree(int node, const std::string& freeKb)
+    void SetFree(const std::string& freeKb)
     {
-        sandbox_.WriteFile("/sys/devices/system/node/node" + std::to_string(node) + "/meminfo",
-                           "Node " + std::to_string(node) + " MemTotal: 9999999 kB\nNode " + std::to_string(node) +
-                               " MemFree:   " + freeKb + " kB\n");
+        sandbox_.WriteFile("/sys/devices/system/node/node0/meminfo",
+                           "Node 0 MemTotal: 9999999 kB\nNode 0 MemFree:   " + freeKb + " kB\n");
     }
 
     std::string Node(const std::string& key) const
@@ -41,8 +40,6 @@ protected:
         size_t at = text.find(key + "=");
         return at == std::string::npos ? "" : text.substr(at + key.size() + 1, text.find('\n', at) - at - key.size() - 1);
     }
-
-    size_t ScriptRuns() const { return sandbox_.ReadFile("/out/runs").size(); }
 
     ::Stavik::Test::Sandbox sandbox_;
     SysCheckState state_;
@@ -56,7 +53,7 @@ TEST_F(MemoryCheck, TheBandHoldsTheFaultAndTheScriptRunsOncePerShortage)
     sandbox_.WriteFile("/out/runs", "");
     sandbox_.WriteFile("/var/sys_meminfo_monitor.sh", "printf x >> " + sandbox_.Path("/out/runs") + "\n");
     ASSERT_TRUE(server_.Init());
-    SetFree(0, "1");
+    SetFree("1");
     server_.CheckMemory();
     EXPECT_EQ("0", Node("updates")) << "the first call only starts the clock";
 
@@ -78,13 +75,12 @@ TEST_F(MemoryCheck, TheBandHoldsTheFaultAndTheScriptRunsOncePerShortage)
     };
     for (size_t i = 0; i < steps.size(); ++i) {
         nowNs_ += steps[i].afterNs;
-        SetFree(0, steps[i].freeKb);
+        SetFree(steps[i].freeKb);
         server_.CheckMemory();
         EXPECT_EQ(steps[i].event, Node("event")) << "step " << i;
         EXPECT_EQ(steps[i].updates, Node("updates")) << "step " << i;
-        EXPECT_EQ(steps[i].scriptRuns, ScriptRuns()) << "step " << i;
+        EXPECT_EQ(steps[i].scriptRuns, sandbox_.ReadFile("/out/runs").size()) << "step " << i;
     }
-    EXPECT_TRUE(LogCapture::Contains("[SysCheckServer:"));
     EXPECT_EQ(2u, LogCapture::Count("Not need reporting system memory shortage. (freeSize="));
     EXPECT_TRUE(LogCapture::Contains("ReportEvent freeSize=300000KB, lowerThreshold=307200KB"));
     server_.Stop();
