@@ -1,11 +1,14 @@
-// The daemon's own configuration file, the command-line reader's quirks and
-// the boot stamp, read in a sandbox root.
+// The daemon's own configuration file, the command-line reader's quirks, the
+// boot stamp and the watchdog set up from them, read in a sandbox root.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "boot/cmdline.h"
+#include "boot/kernel_calls.h"
 #include "boot/stavik_cfg.h"
+#include "core/boot_context.h"
 #include "core/boot_strace.h"
 #include "core/log.h"
 #include "tests/support/sandbox.h"
@@ -92,6 +95,88 @@ TEST_F(BootInputs, BootArgumentsMatchTextNotWordsAndAKeyEndingTheLineIsAbsent)
     EXPECT_EQ(Set{}, ParseBootArgs("quiet stavik", "stavik", ","));
     EXPECT_EQ(Set{}, ParseBootArgs("stavik=", "stavik", ","));
     EXPECT_EQ(1u, LogCapture::Count("Stavik: cmdline key=stavik ends the line without a value, taken as absent"));
+}
+
+// What the watchdog asked of the kernel: the module parameters, or the
+// feeding ioctl and its argument.
+struct KernelRequest {
+    unsigned long request;
+    unsigned long arg;
+    std::string params;
+};
+std::vector<KernelRequest> kernelRequests;
+
+TEST_F(BootInputs, WatchdogModuleFollowsCommandLineConfigurationAndModuleListAndTheDogIsFedInMilliseconds)
+{
+    const KernelCalls saved = CurrentKernelCalls();
+    CurrentKernelCalls() = {[](int, unsigned long request, unsigned long arg) {
+                                kernelRequests.push_back({request, arg, ""});
+                                return 0;
+                            },
+                            [](int, const char* params, int flags) {
+                                kernelRequests.push_back({0, static_cast<unsigned long>(flags), params});
+                                errno = EPERM;
+                                return -1L;
+                            }};
+    BootContext& context = BootContext::Instance();
+    struct Case {
+        bool yrncore, noWatchdog, enable, koFile;
+        std::string modules, timeout, action;
+        bool result;
+        std::string params, line;
+    };
+    const std::string defaults = "timeout=60 action=2 disable_on_poweroff=1";
+    const std::vector<Case> cases = {
+        {true, true, true, true, "", "60", "2", true, "",
+         "Watchdog is disabled by cmdline parameter. Do not insert ko"},
+        // "nowatchdog" alone doesn't count, only with the kernel_utils mode.
+        {false, true, true, true, "", "60", "2", false, defaults,
+         "InsmodKo failed. finit_module ko=/var/sbsa_gwdt.ko failed errno=1, params=" + defaults},
+        {false, false, false, true, "", "60", "2", true, "", "/var/sbsa_gwdt.ko is disable, so not need insert"},
+        {false, false, true, false, "sbsa_gwdt 16384 0 - Live\n", "60", "2", false, "",
+         "/var/sbsa_gwdt.ko is not existed errno=2"},
+        {false, false, true, true, "x 1 0\nsbsa_gwdt_v2 16384 0 - Live\n", "60", "2", true, "",
+         "Watchdog ko=sbsa_gwdt is already insert"},
+        {false, false, true, true, "", "30", "0", false, "timeout=30 action=0 disable_on_poweroff=1",
+         "Watchdog ko checking, ko=sbsa_gwdt has not been inserted"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        ::Stavik::Test::Sandbox box;
+        setenv("STAVIK_SYSROOT", box.Root().c_str(), 1);
+        box.WriteFile("/proc/modules", c.modules);
+        if (c.koFile) {
+            box.WriteFile("/var/sbsa_gwdt.ko", "not a module");
+        }
+        context.yrncoreEnable_ = c.yrncore;
+        context.disableWatchDog_ = c.noWatchdog;
+        StavikCfg cfg;
+        cfg.wdEnable = c.enable;
+        cfg.wdTimeout = c.timeout;
+        cfg.wdAction = c.action;
+        kernelRequests.clear();
+        LogCapture::Begin();
+        EXPECT_EQ(c.result, context.InsertWatchdogKo(cfg));
+        EXPECT_EQ(1u, LogCapture::Count(c.line));
+        ASSERT_EQ(c.params.empty() ? 0u : 1u, kernelRequests.size());
+        if (!c.params.empty()) {
+            EXPECT_EQ(c.params, kernelRequests[0].params);
+            EXPECT_EQ(0u, kernelRequests[0].arg);
+        }
+    }
+    context.yrncoreEnable_ = context.disableWatchDog_ = false;
+
+    setenv("STAVIK_SYSROOT", box_.Root().c_str(), 1);
+    kernelRequests.clear();
+    EXPECT_FALSE(context.EnableFeedDog(StavikCfg()));
+    EXPECT_TRUE(LogCapture::Contains("EnableFeedDog failed. open device=/local/dev/yrnutil_watchdog failed errno=2"));
+    EXPECT_TRUE(kernelRequests.empty());
+    box_.WriteFile("/local/dev/yrnutil_watchdog", "");
+    EXPECT_TRUE(context.EnableFeedDog(StavikCfg()));
+    ASSERT_EQ(1u, kernelRequests.size());
+    EXPECT_EQ(0xC0085701u, kernelRequests[0].request);
+    EXPECT_EQ(60000u, kernelRequests[0].arg);
+    CurrentKernelCalls() = saved;
 }
 
 } // namespace

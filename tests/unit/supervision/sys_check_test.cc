@@ -2,6 +2,8 @@
 // moves on by hand.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "core/log.h"
 #include "supervision/sys_check_server.h"
@@ -28,10 +30,10 @@ protected:
         unsetenv("STAVIK_SYSROOT");
     }
 
-    void SetFree(const std::string& freeKb)
+    void SetFree(const std::string& freeKb, const std::string& node = "0")
     {
-        sandbox_.WriteFile("/sys/devices/system/node/node0/meminfo",
-                           "Node 0 MemTotal: 9999999 kB\nNode 0 MemFree:   " + freeKb + " kB\n");
+        sandbox_.WriteFile("/sys/devices/system/node/node" + node + "/meminfo",
+                           "Node " + node + " MemTotal: 9999999 kB\nNode " + node + " MemFree:   " + freeKb + " kB\n");
     }
 
     std::string Node(const std::string& key) const
@@ -91,6 +93,44 @@ TEST_F(MemoryCheck, TheBandHoldsTheFaultAndTheScriptRunsOncePerShortage)
     for (const auto& list : lists) {
         EXPECT_EQ(list.second, server_.ParseNumaNodeList(list.first)) << list.first;
     }
+    EXPECT_TRUE(LogCapture::Contains("Get numa node list, exception is thrown out. (str=x,detail=stoi)"));
+}
+
+TEST_F(MemoryCheck, NodesOfCoherentDevicesDontCountAndAnUnreadableFileFailsTheReading)
+{
+    const std::string nodeDir = "/sys/devices/system/node/";
+    sandbox_.WriteFile(nodeDir + "has_normal_memory", "0-2,5\n");
+    sandbox_.WriteFile(nodeDir + "has_memory", "0-3\n");
+    std::set<int32_t> nodes;
+    ASSERT_TRUE(server_.GetOsNumaNodes(nodes));
+    EXPECT_EQ(std::set<int32_t>({0, 1, 2, 5}), nodes) << "without a device list the normal-memory list counts";
+    sandbox_.WriteFile(nodeDir + "is_cdm_node", "1,3\n");
+    ASSERT_TRUE(server_.GetOsNumaNodes(nodes));
+    EXPECT_EQ(std::set<int32_t>({0, 2}), nodes);
+    EXPECT_TRUE(LogCapture::Contains("numa node 2 is managed by os."));
+
+    // A missing node file fails the sum; once there, all nodes add up.
+    SetFree("1");
+    uint64_t total = 0;
+    EXPECT_FALSE(server_.GetFreeMemory(total));
+    EXPECT_TRUE(LogCapture::Contains("Cannot open node statistic file " + sandbox_.Path(nodeDir + "node2/meminfo")));
+    SetFree("7", "2");
+    total = 0;
+    EXPECT_TRUE(server_.GetFreeMemory(total));
+    EXPECT_EQ(8u, total);
+
+    // A device list that can't be read disables the check for good.
+    SysCheckState fresh;
+    SysCheckServer server(fresh, [] { return 0; });
+    const std::string cdmList = sandbox_.Path(nodeDir + "is_cdm_node");
+    ASSERT_EQ(0, unlink(cdmList.c_str()));
+    ASSERT_EQ(0, mkdir(cdmList.c_str(), 0755));
+    EXPECT_FALSE(server.GetFreeMemory(total));
+    EXPECT_TRUE(fresh.isScanFailed);
+    ASSERT_EQ(0, rmdir(cdmList.c_str()));
+    const size_t scans = LogCapture::Count("Get numa node ");
+    EXPECT_FALSE(server.GetFreeMemory(total));
+    EXPECT_EQ(scans, LogCapture::Count("Get numa node "));
 }
 
 } // namespace
