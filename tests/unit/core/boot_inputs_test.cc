@@ -121,24 +121,23 @@ TEST_F(BootInputs, WatchdogModuleFollowsCommandLineConfigurationAndModuleListAnd
     BootContext& context = BootContext::Instance();
     struct Case {
         bool yrncore, noWatchdog, enable, koFile;
-        std::string modules, timeout, action;
-        bool result;
-        std::string params, line;
+        std::string modules;
+        bool result, loads;
+        std::string line;
     };
-    const std::string defaults = "timeout=60 action=2 disable_on_poweroff=1";
+    // The module gets the configured values, not the defaults.
+    const std::string params = "timeout=30 action=0 disable_on_poweroff=1";
     const std::vector<Case> cases = {
-        {true, true, true, true, "", "60", "2", true, "",
-         "Watchdog is disabled by cmdline parameter. Do not insert ko"},
+        {true, true, true, true, "", true, false, "Watchdog is disabled by cmdline parameter. Do not insert ko"},
         // "nowatchdog" alone doesn't count, only with the kernel_utils mode.
-        {false, true, true, true, "", "60", "2", false, defaults,
-         "InsmodKo failed. finit_module ko=/var/sbsa_gwdt.ko failed errno=1, params=" + defaults},
-        {false, false, false, true, "", "60", "2", true, "", "/var/sbsa_gwdt.ko is disable, so not need insert"},
-        {false, false, true, false, "sbsa_gwdt 16384 0 - Live\n", "60", "2", false, "",
+        {false, true, true, true, "", false, true,
+         "InsmodKo failed. finit_module ko=/var/sbsa_gwdt.ko failed errno=1, params=" + params},
+        {false, false, false, true, "", true, false, "/var/sbsa_gwdt.ko is disable, so not need insert"},
+        {false, false, true, false, "sbsa_gwdt 16384 0 - Live\n", false, false,
          "/var/sbsa_gwdt.ko is not existed errno=2"},
-        {false, false, true, true, "x 1 0\nsbsa_gwdt_v2 16384 0 - Live\n", "60", "2", true, "",
+        {false, false, true, true, "x 1 0\nsbsa_gwdt_v2 16384 0 - Live\n", true, false,
          "Watchdog ko=sbsa_gwdt is already insert"},
-        {false, false, true, true, "", "30", "0", false, "timeout=30 action=0 disable_on_poweroff=1",
-         "Watchdog ko checking, ko=sbsa_gwdt has not been inserted"},
+        {false, false, true, true, "", false, true, "Watchdog ko checking, ko=sbsa_gwdt has not been inserted"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.line);
@@ -152,15 +151,15 @@ TEST_F(BootInputs, WatchdogModuleFollowsCommandLineConfigurationAndModuleListAnd
         context.disableWatchDog_ = c.noWatchdog;
         StavikCfg cfg;
         cfg.wdEnable = c.enable;
-        cfg.wdTimeout = c.timeout;
-        cfg.wdAction = c.action;
+        cfg.wdTimeout = "30";
+        cfg.wdAction = "0";
         kernelRequests.clear();
         LogCapture::Begin();
         EXPECT_EQ(c.result, context.InsertWatchdogKo(cfg));
         EXPECT_EQ(1u, LogCapture::Count(c.line));
-        ASSERT_EQ(c.params.empty() ? 0u : 1u, kernelRequests.size());
-        if (!c.params.empty()) {
-            EXPECT_EQ(c.params, kernelRequests[0].params);
+        ASSERT_EQ(c.loads ? 1u : 0u, kernelRequests.size());
+        if (c.loads) {
+            EXPECT_EQ(params, kernelRequests[0].params);
             EXPECT_EQ(0u, kernelRequests[0].arg);
         }
     }
