@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "app/app_info.h"
 #include "app/home_env.h"
 #include "app_test_util.h"
@@ -21,72 +23,44 @@ AppInfo RtApp(const std::string& prio, const std::string& type, std::vector<uint
     return AppInfo(ApplicationManifest(data), "rtapp", "");
 }
 
-TEST(AppRecord, RtPriority)
+TEST(AppRecord, RtPriorityAndTheCoreSentinel)
 {
-    const std::pair<const char*, const char*> noEffect[] = {
-        {"", "SCHED_FIFO"}, {"false", "SCHED_FIFO"}, {"100", "SCHED_FIFO"}, {"0", "SCHED_RR"}, {"50", "SCHED_OTHER"},
-        {"5x", "SCHED_FIFO"}};
-    for (const auto& [prio, type] : noEffect) {
+    struct Case {
+        const char* prio;
+        const char* type;
+        std::vector<uint32_t> cores;
+        int policy;
+        int32_t rtPrio;
+        bool rtLimit;
+        const char* line;
+    };
+    const Case cases[] = {
+        {"", "SCHED_FIFO", {}, SK_SCHED_UNCHANGED, -1, false, ""},
+        {"false", "SCHED_FIFO", {}, SK_SCHED_UNCHANGED, -1, false, ""},
+        {"100", "SCHED_FIFO", {}, SK_SCHED_UNCHANGED, -1, false, ""},
+        {"0", "SCHED_RR", {}, SK_SCHED_UNCHANGED, -1, false, ""},
+        {"50", "SCHED_OTHER", {}, SK_SCHED_UNCHANGED, -1, false, ""},
+        {"5x", "SCHED_FIFO", {}, SK_SCHED_UNCHANGED, -1, false, "STAVIK : rtapp, set_rt_prio has invalid char=5x"},
+        {"true", "SCHED_FIFO", {}, SK_SCHED_UNCHANGED, -1, true, ""},
+        {"99", "SCHED_FIFO", {}, SK_SCHED_FIFO, 99, true, "STAVIK : rtapp, rtPrio=99, rtPolicy=SCHED_FIFO"},
+        {"50", "SCHED_RR", {}, SK_SCHED_RR, 50, true, "STAVIK : rtapp, rtPrio=50, rtPolicy=SCHED_RR"},
+        // Core 255 first asks for FIFO 99 and binds nowhere.
+        {"10", "SCHED_RR", {255, 1, 2}, SK_SCHED_FIFO, 99, true, "STAVIK : rtapp, update schedPolicy to SCHED_FIFO"},
+        {"", "", {1, 255}, SK_SCHED_UNCHANGED, -1, false, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.prio) + "/" + c.type + "/" + std::to_string(c.cores.size()));
         ScopedLogCapture capture;
-        AppInfo app = RtApp(prio, type);
-        EXPECT_EQ(app.schedPolicy_, SK_SCHED_UNCHANGED) << prio;
-        EXPECT_EQ(app.rtPrio_, -1) << prio;
-        EXPECT_FALSE(app.needRtLimit_) << prio;
-        if (std::string(prio) == "5x") {
-            EXPECT_EQ(LevelOf("STAVIK : rtapp, set_rt_prio has invalid char=5x"), LOG_INFO);
-        } else {
-            EXPECT_TRUE(LogCapture::Lines().empty()) << prio;
-        }
+        AppInfo app = RtApp(c.prio, c.type, c.cores);
+        EXPECT_EQ(app.schedPolicy_, c.policy);
+        EXPECT_EQ(app.rtPrio_, c.rtPrio);
+        EXPECT_EQ(app.needRtLimit_, c.rtLimit);
+        bool sentinel = !c.cores.empty() && c.cores[0] == 255;
+        EXPECT_EQ(app.coreAffinity_.size(), sentinel ? 0u : c.cores.size());
+        EXPECT_EQ(app.isDelayCoreAffinity_, !sentinel && !c.cores.empty());
+        EXPECT_EQ(LogCapture::Lines().empty(), *c.line == '\0');
+        EXPECT_TRUE(*c.line == '\0' || LevelOf(c.line) == LOG_INFO);
     }
-
-    AppInfo limitOnly = RtApp("true", "SCHED_FIFO");
-    EXPECT_TRUE(limitOnly.needRtLimit_);
-    EXPECT_EQ(limitOnly.schedPolicy_, SK_SCHED_UNCHANGED);
-    EXPECT_EQ(limitOnly.rtPrio_, -1);
-
-    ScopedLogCapture capture;
-    AppInfo rr = RtApp("50", "SCHED_RR");
-    EXPECT_TRUE(rr.needRtLimit_);
-    EXPECT_EQ(rr.schedPolicy_, SK_SCHED_RR);
-    EXPECT_EQ(rr.rtPrio_, 50);
-    EXPECT_EQ(LevelOf("STAVIK : rtapp, rtPrio=50, rtPolicy=SCHED_RR"), LOG_INFO);
-}
-
-TEST(AppRecord, CoreSentinelAsksForFifo)
-{
-    ScopedLogCapture capture;
-    AppInfo app = RtApp("10", "SCHED_RR", {255, 1, 2});
-    EXPECT_TRUE(app.coreAffinity_.empty());
-    EXPECT_EQ(app.schedPolicy_, SK_SCHED_FIFO);
-    EXPECT_EQ(app.rtPrio_, 99);
-    EXPECT_TRUE(app.needRtLimit_);
-    EXPECT_FALSE(app.isDelayCoreAffinity_);
-    EXPECT_EQ(LevelOf("STAVIK : rtapp, update schedPolicy to SCHED_FIFO"), LOG_INFO);
-
-    AppInfo bound = RtApp("", "", {1, 255});
-    EXPECT_EQ(bound.coreAffinity_.size(), 2u);
-    EXPECT_TRUE(bound.isDelayCoreAffinity_);
-    EXPECT_FALSE(RtApp("", "").isDelayCoreAffinity_);
-}
-
-TEST(AppRecord, GeneralAndBaseRecordsOfOneManifest)
-{
-    ManifestData data;
-    data.appName = "worker_${*}";
-    data.isReporting = true;
-    data.restart = "on-failure";
-    DaemonHomeEnv() = "/home/user";
-    GeneralAppInfo general("worker_1", ApplicationManifest(data), "zulmgr");
-    DaemonHomeEnv().clear();
-    EXPECT_EQ(general.appName_, "worker_1");
-    EXPECT_EQ(general.ownerName_, "zulmgr");
-    EXPECT_EQ(general.homeEnv_, "/home/user");
-    EXPECT_FALSE(general.isReporting_);
-
-    BaseAppInfo base{ApplicationManifest(data)};
-    EXPECT_EQ(base.appName_, "worker_${*}");
-    EXPECT_TRUE(base.homeEnv_.empty());
-    EXPECT_TRUE(base.isReporting_);
 }
 
 TEST(AppRecord, UpdateAppInfoTakesOnlyTheStartDescription)
@@ -94,13 +68,21 @@ TEST(AppRecord, UpdateAppInfoTakesOnlyTheStartDescription)
     ManifestData first;
     first.appName = "worker_${*}";
     first.isDynamicPara = true;
+    first.isReporting = true;
     first.binPath = "${/opt/*}";
     first.restart = "on-failure";
     first.nodeType = 7;
     first.startupPriority = 3;
     first.isDelayCoreAffinity = true;
     first.coreAffinity = {1};
+    DaemonHomeEnv() = "/home/user";
     GeneralAppInfo app("worker_1", ApplicationManifest(first), "zulmgr");
+    DaemonHomeEnv().clear();
+    // A general record has its own name and the daemon's HOME, and never reports itself.
+    EXPECT_EQ(app.appName_, "worker_1");
+    EXPECT_EQ(app.homeEnv_, "/home/user");
+    EXPECT_FALSE(app.isReporting_);
+    EXPECT_TRUE(BaseAppInfo(ApplicationManifest(first)).isReporting_);
     app.pid_ = 42;
     app.state_ = RUNNING;
     app.isKillSent_ = true;
@@ -120,27 +102,17 @@ TEST(AppRecord, UpdateAppInfoTakesOnlyTheStartDescription)
     second.startupPriority = -1;
     app.UpdateAppInfo(ApplicationManifest(second));
 
+    // The start description is taken, ...
     EXPECT_EQ(app.appName_, "worker_${*}");
-    EXPECT_EQ(app.execPath_, "/opt/other");
-    EXPECT_EQ(app.env_, second.env);
-    EXPECT_EQ(app.uid_, 2000u);
-    EXPECT_EQ(app.nice_, 3);
-    EXPECT_EQ(app.termTimeOut_, 900u);
-    EXPECT_EQ(app.cgroupPath_, second.cgroupPath);
-    EXPECT_EQ(app.vfId_, 4);
-    EXPECT_TRUE(app.coreAffinity_.empty());
-    EXPECT_EQ(app.schedPolicy_, SK_SCHED_FIFO);
-    EXPECT_FALSE(app.isDelayCoreAffinity_);
-
-    EXPECT_EQ(app.restart_, "on-failure");
-    EXPECT_EQ(app.ownerName_, "zulmgr");
-    EXPECT_EQ(app.nodeType_, 7u);
-    EXPECT_EQ(app.startupPriority_, 3);
-    EXPECT_TRUE(app.isDynamicExecPath_);
-    EXPECT_EQ(app.execPathPattern_, "${/opt/*}");
-    EXPECT_EQ(app.pid_, 42);
-    EXPECT_EQ(app.state_, RUNNING);
-    EXPECT_TRUE(app.isKillSent_);
+    EXPECT_EQ(std::make_tuple(app.execPath_, app.env_, app.uid_, app.nice_, app.termTimeOut_, app.cgroupPath_),
+              std::make_tuple(second.binPath, second.env, 2000u, 3, 900u, second.cgroupPath));
+    EXPECT_EQ(std::make_tuple(app.vfId_, app.coreAffinity_.empty(), app.schedPolicy_, app.isDelayCoreAffinity_),
+              std::make_tuple(4, true, SK_SCHED_FIFO, false));
+    // ... the policy, the owner, the dynamic patterns and the process stay.
+    EXPECT_EQ(std::make_tuple(app.restart_, app.ownerName_, app.nodeType_, app.startupPriority_),
+              std::make_tuple(std::string("on-failure"), std::string("zulmgr"), 7u, 3));
+    EXPECT_EQ(std::make_tuple(app.isDynamicExecPath_, app.execPathPattern_, app.pid_, app.state_, app.isKillSent_),
+              std::make_tuple(true, std::string("${/opt/*}"), 42, RUNNING, true));
 }
 
 } // namespace

@@ -16,12 +16,6 @@ namespace AppTest {
 
 using Test::WaitUntil;
 
-// Reaps a child of this process without blocking for longer than ten seconds.
-inline bool ReapWithin(pid_t pid, int* status)
-{
-    return WaitUntil([pid, status] { return waitpid(pid, status, WNOHANG) == pid; });
-}
-
 // A process counts as gone once its status can't be read or it is a zombie.
 inline bool IsGone(pid_t pid)
 {

@@ -1,10 +1,10 @@
-// What a started child does before it becomes the application: identity,
-// nice and scheduling, and the text it sends when something fails.
-#include <grp.h>
-#include <pwd.h>
+// What a started general child does and sees before it becomes the
+// application: identity, nice and scheduling, environment, and the text it
+// sends when a step fails.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,31 +13,45 @@
 
 #include "app/app_info.h"
 #include "app/child_setup.h"
+#include "app/child_text.h"
+#include "app/home_env.h"
 #include "tests/support/sandbox.h"
 #include "tests/unit/app_start/child_probe.h"
+
+extern char** environ;
 
 namespace Stavik {
 namespace App {
 namespace {
 
 namespace Support = Stavik::Test;
+using EnvMap = std::map<std::string, std::string>;
 
 constexpr uint32_t NOBODY_UID = 65534;
 constexpr uint32_t USERS_GID = 100;
-// No control CPU list is read here, so every child's binding says so.
-const std::string NO_CTRL_CPUS = "default ctrl cpu is null;";
+const char HOME[] = "/home/probe";
 
-std::string GroupsOfNobody()
+ManifestData Manifest(const std::string& name, EnvMap env = {})
 {
-    struct passwd* nobody = getpwuid(NOBODY_UID);
-    gid_t groups[128];
-    int count = 128;
-    getgrouplist(nobody->pw_name, nobody->pw_gid, groups, &count);
-    std::string text;
-    for (int i = 0; i < count; ++i) {
-        text += (i == 0 ? "" : ",") + std::to_string(groups[i]);
+    ManifestData data;
+    data.appName = name;
+    data.env = std::move(env);
+    return data;
+}
+
+// The test's own environment, with PROC_NAME and the expected variables laid over it.
+EnvMap Expected(const EnvMap& added)
+{
+    EnvMap expected;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        std::string text = *entry;
+        expected[text.substr(0, text.find('='))] = text.substr(text.find('=') + 1);
     }
-    return text;
+    expected["PROC_NAME"] = "envprobe";
+    for (const auto& entry : added) {
+        expected[entry.first] = entry.second;
+    }
+    return expected;
 }
 
 class ChildStartTest : public ::testing::Test {
@@ -48,80 +62,149 @@ protected:
         Support::MakeDirs(sandbox_.Path("/out"));
         chmod(sandbox_.Path("/out").c_str(), 0777);
         Support::CopyProbe(probe_, 0755, 0, 0);
+        DaemonHomeEnv() = HOME;
+    }
+    void TearDown() override
+    {
+        DaemonHomeEnv().clear();
+        unsetenv("TUBIX_DIR");
     }
 
-    GeneralAppInfo App(const std::string& name, ManifestData data, const std::string& binPath = "")
+    // Starts the record on the probe, which writes its record and exits 0,
+    // checks what the child told and returns its record. No control CPU list
+    // is read here, so the binding always says so.
+    EnvMap Run(const ManifestData& data, const std::string& told, const std::string& owner = "ownerX")
     {
-        data.binPath = binPath.empty() ? probe_ : binPath;
-        data.arguments = {"--out", out_, "--exit", "0"};
-        return GeneralAppInfo(name, ApplicationManifest(data), "ownerX");
+        GeneralAppInfo app(data.appName, ApplicationManifest(data), owner);
+        std::string out = sandbox_.Path("/out/record" + std::to_string(++runs_));
+        app.execPath_ = probe_;
+        app.arguments_ = {"--out", out, "--exit", "0"};
+        EXPECT_TRUE(app.StartProcess());
+        EXPECT_EQ(Support::ReapChild(app.pid_), W_EXITCODE(0, 0));
+        EXPECT_EQ(pipe_.ReadAll(), "app=" + data.appName + ",pid=" + std::to_string(app.pid_) + "," + told +
+                                       "default ctrl cpu is null;");
+        return Support::ReadProbeRecord(out);
     }
 
-    std::string Head(const GeneralAppInfo& app) const
+    // The environment of a record; the endpoint's number is whatever was free
+    // in the child, where it listens is fixed.
+    EnvMap EnvOf(EnvMap record)
     {
-        return "app=" + app.appName_ + ",pid=" + std::to_string(app.pid_) + ",";
+        EXPECT_EQ(record["listen_path"], sandbox_.TubixDir() + "/envprobe");
+        EnvMap env;
+        for (const auto& entry : record) {
+            if (entry.first.compare(0, 4, "env.") == 0 && entry.first != "env.TUBIX_LISTEN_FD") {
+                env[entry.first.substr(4)] = entry.second;
+            }
+        }
+        return env;
     }
 
     Support::Sandbox sandbox_;
     Support::ChildMsgPipe pipe_;
     std::string probe_ = sandbox_.Path("/probe_child");
-    std::string out_ = sandbox_.Path("/out/record");
+    int runs_ = 0;
 };
 
 TEST_F(ChildStartTest, ChildRunsWithConfiguredIdentityNiceAndScheduling)
 {
-    ManifestData data;
+    ManifestData data = Manifest("identity");
     data.uid = NOBODY_UID;
     data.gid = USERS_GID;
     data.nice = 5;
     data.setRtPrio = "10";
     data.setRtType = "SCHED_RR";
-    GeneralAppInfo app = App("identity", data);
     errno = 0;
     int ownNice = getpriority(PRIO_PROCESS, 0);
 
-    ASSERT_TRUE(app.StartProcess());
-    EXPECT_EQ(Support::ReapChild(app.pid_), W_EXITCODE(0, 0));
-    auto record = Support::ReadProbeRecord(out_);
+    // Root without CAP_SYS_RESOURCE may not raise the hard real-time limit;
+    // the child tells so and runs on, in the class it asked for.
+    auto record = Run(data, "prlimit failed,errno=1;");
     EXPECT_EQ(record["uid"], std::to_string(NOBODY_UID));
     EXPECT_EQ(record["gid"], std::to_string(USERS_GID));
-    EXPECT_EQ(record["groups"], GroupsOfNobody());
     // The kernel caps niceness at 19, as when the tests themselves run niced.
     EXPECT_EQ(record["nice"], std::to_string(std::min(ownNice + 5, 19)));
-    EXPECT_EQ(record["argv"], probe_ + " --out " + out_ + " --exit 0");
-
-    // A host without the rights for real-time limits or classes refuses them;
-    // the child tells so and runs on.
-    const std::string limitRefused = "prlimit failed,errno=1;";
-    const std::string classRefused = "sched_setscheduler failed errno=1,type=4,priority=10;";
-    std::string text = pipe_.ReadAll();
-    bool limitGiven = text.find(limitRefused) == std::string::npos;
-    bool classGiven = text.find(classRefused) == std::string::npos;
-    std::string told = (limitGiven ? "" : limitRefused) + (classGiven ? "" : classRefused);
-    EXPECT_EQ(text, Head(app) + told + NO_CTRL_CPUS);
     struct rlimit ownLimit {};
     getrlimit(RLIMIT_RTPRIO, &ownLimit);
-    EXPECT_EQ(record["rtprio"], limitGiven ? "99" : std::to_string(ownLimit.rlim_cur));
-    EXPECT_EQ(record["policy"], std::to_string(classGiven ? SCHED_RR : SCHED_OTHER));
+    EXPECT_EQ(record["rtprio"], std::to_string(ownLimit.rlim_cur));
+    EXPECT_EQ(record["policy"], std::to_string(SCHED_RR));
+
+    // The naming service refuses a process without a name; the binary runs all the same.
+    EXPECT_FALSE(Run(Manifest(""), "ZULInitProc failed, errno=22;").empty());
 }
 
-// A missing identity and the execv failure text are checked through the real
-// daemon in tests/e2e/base_start.
-TEST(ChildStart, ExecFailureCodeTellsInputOutputErrorsApart)
+// The base variant, supplementary groups, the other rounding edges and
+// LD_PRELOAD are checked through the real daemon in tests/e2e/base_start.
+TEST_F(ChildStartTest, GeneralChildGetsPlaneHomeOwnerAndClampedHeartBeat)
 {
+    setenv("TUBIX_DIR", sandbox_.TubixDir().c_str(), 1);
+    // Shell text in the environment is no reason to refuse a start. Data-plane
+    // children take part in sharepool groups; none is declared here.
+    ManifestData data = Manifest("envprobe", {{"A", "a && b; $(c)"}});
+    data.heartBeatSwitch = true;
+    data.heartBeatInterval = 50;
+    data.heartBeatCount = 1;
+    EXPECT_EQ(EnvOf(Run(data, "CheckSharepoolGroupCfg failed groupName=DEFAULT_MEM_GROUP is not legal;", "brellan")),
+              Expected({{"SHAREGROUP_PRECONFIG", "1"}, {"SHAREPOOL_GROUP_NAME", ""}, {"PROC_PLANE", "PLANE_DATA"},
+                        {"HOME", HOME}, {"A", "a && b; $(c)"}, {"OWNER_NAME", "brellan"}, {"GRP_HB", "1"},
+                        {"GRP_HB_INTERVAL", "100"}, {"GRP_HB_COUNT", "3"}}));
+    // The manifest may override HOME.
+    data.env = {{"HOME", "/manifest"}};
+    data.heartBeatInterval = 150;
+    data.heartBeatCount = 1001;
+    EXPECT_EQ(EnvOf(Run(data, "")),
+              Expected({{"PROC_PLANE", "PLANE_MANAGE"}, {"HOME", "/manifest"}, {"OWNER_NAME", "ownerX"},
+                        {"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "100"}, {"GRP_HB_COUNT", "1000"}}));
+    EXPECT_EQ(EnvOf(Run(Manifest("envprobe", {{"LD_PRELOAD", "libasan.so.5"}}), "")),
+              Expected({{"PROC_PLANE", "PLANE_MANAGE"}, {"HOME", HOME}, {"OWNER_NAME", "ownerX"},
+                        {"LD_PRELOAD", "libasan.so.4:libzul.so.1"}}));
+}
+
+// Each fragment of a failed identity switch, told from a forked child, since
+// the switch changes the identity of the process it runs in.
+TEST(ChildIdentity, EachFailedStepIsToldAndEndsTheSwitch)
+{
+    const uint32_t invalid = static_cast<uint32_t>(-1);
+    struct Case {
+        uint32_t uid;
+        uint32_t gid;
+        bool hasUser;
+        errno_t wipeResult;
+        bool switched;
+        std::string told;
+    };
+    const Case cases[] = {
+        {0, 0, false, EOK, false, "getpwuid is null;"},
+        {0, 0, true, 1, true, "SetGroups memset_s failed error=1;"},
+        {0, invalid, true, EOK, false, "SetAppGid=4294967295 failed error=22;"},
+        {invalid, 0, true, EOK, false, "SetAppUid=4294967295,failed error=22;"},
+    };
+    for (const Case& c : cases) {
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        UserGroups groups;
+        groups.hasUser = c.hasUser;
+        groups.isListed = true;
+        groups.wipeResult = c.wipeResult;
+        ChildText text;
+        text.Prepare("id", 0);
+        pid_t pid = fork();
+        if (pid == 0) {
+            text.Begin(1);
+            bool switched = SetAppIdentity(c.uid, c.gid, groups, text);
+            text.Send(fds[1]);
+            _exit(switched ? 0 : 1);
+        }
+        close(fds[1]);
+        EXPECT_EQ(Support::ReapChild(pid), W_EXITCODE(c.switched ? 0 : 1, 0)) << c.told;
+        char buffer[256];
+        ssize_t length = read(fds[0], buffer, sizeof(buffer));
+        close(fds[0]);
+        EXPECT_EQ(std::string(buffer, static_cast<size_t>(std::max<ssize_t>(length, 0))), "app=id,pid=1," + c.told);
+    }
+    // Exit codes of a failed exec tell an input/output error apart.
     EXPECT_EQ(ExecFailureExitCode(EIO), 125);
     EXPECT_EQ(ExecFailureExitCode(ENOENT), 1);
-}
-
-TEST_F(ChildStartTest, FailedNamingServiceInitIsToldAndTheBinaryRuns)
-{
-    // The naming service refuses a process without a name.
-    GeneralAppInfo app = App("", ManifestData{});
-
-    ASSERT_TRUE(app.StartProcess());
-    EXPECT_EQ(Support::ReapChild(app.pid_), W_EXITCODE(0, 0));
-    EXPECT_EQ(pipe_.ReadAll(), Head(app) + "ZULInitProc failed, errno=22;" + NO_CTRL_CPUS);
-    EXPECT_EQ(access(out_.c_str(), F_OK), 0);
 }
 
 } // namespace

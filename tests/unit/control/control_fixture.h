@@ -35,8 +35,6 @@ protected:
         Support::MakeDirs(sandbox_.TubixDir());
         setenv("TUBIX_DIR", sandbox_.TubixDir().c_str(), 1);
         setenv("PROC_NAME", "STAVIK", 1);
-        ASSERT_EQ(0, access(Support::BuiltProgram("tests/probe_child").c_str(), X_OK))
-            << "the tests start tests/probe_child: build that target first";
         ClearTables();
         daemon_.reset(new StavikDaemon("unused.yaml"));
         LogCapture::Begin();
@@ -115,17 +113,6 @@ protected:
         app->state_ = state;
         app->pid_ = pid;
         generalAppMap_[name] = app;
-        return app;
-    }
-
-    // A RUNNING record with a real child behind it.
-    AppPtr Running(const std::string& name)
-    {
-        AppPtr app = Live(name, INITSTATE, 0);
-        std::lock_guard<std::mutex> lock(generalAppMutex_);
-        EXPECT_TRUE(app->StartProcess());
-        EXPECT_GT(app->pid_, 0);
-        app->state_ = RUNNING;
         return app;
     }
 

@@ -1,14 +1,16 @@
-// The daemon's own configuration file, the command-line reader's quirks and
-// the path rules of the digest check, read in a sandbox root.
+// The daemon's own configuration file, the command-line reader's quirks, the
+// boot stamp and the watchdog set up from them, read in a sandbox root.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "boot/cmdline.h"
+#include "boot/kernel_calls.h"
 #include "boot/stavik_cfg.h"
+#include "core/boot_context.h"
+#include "core/boot_strace.h"
 #include "core/log.h"
-#include "supervision/integrity.h"
 #include "tests/support/sandbox.h"
 
 namespace Stavik {
@@ -70,7 +72,6 @@ TEST_F(BootInputs, ConfigurationFileFillsWhatItHasAndKeepsTheDefaultsElsewhere)
         EXPECT_EQ(c.timeout, cfg.wdTimeout) << label;
         EXPECT_EQ(c.action, cfg.wdAction) << label;
         EXPECT_EQ(c.upload, cfg.skUploadEnable_) << label;
-        EXPECT_EQ("/var/sbsa_gwdt.ko", cfg.wdKoPath);
         for (const std::string& line : c.lines) {
             EXPECT_EQ(1u, LogCapture::Count(line)) << label << ": " << line;
         }
@@ -81,6 +82,10 @@ TEST_F(BootInputs, ConfigurationFileFillsWhatItHasAndKeepsTheDefaultsElsewhere)
 
 TEST_F(BootInputs, BootArgumentsMatchTextNotWordsAndAKeyEndingTheLineIsAbsent)
 {
+    // The boot stamp's fraction survives, and without a frequency there is none.
+    EXPECT_EQ("[0.500000s][BOOT_TRACE][X]", FormatBootStrace(1, 2, "X"));
+    EXPECT_EQ("", FormatBootStrace(12345, 0, "SK"));
+
     using Set = std::set<std::string>;
     EXPECT_EQ((Set{"a", "boot:b"}), ParseBootArgs("x stavik=a,,boot:b, y=1", "stavik", ","));
     EXPECT_EQ((Set{"a"}), ParseBootArgs("xstavik=a stavik=b", "stavik", ","));
@@ -92,31 +97,85 @@ TEST_F(BootInputs, BootArgumentsMatchTextNotWordsAndAKeyEndingTheLineIsAbsent)
     EXPECT_EQ(1u, LogCapture::Count("Stavik: cmdline key=stavik ends the line without a value, taken as absent"));
 }
 
-// Helpers are collected by the check itself: no child is left behind.
-TEST_F(BootInputs, DigestCheckLooksUpTheLastPathComponentAndRefusesBareNames)
+// What the watchdog asked of the kernel: the module parameters, or the
+// feeding ioctl and its argument.
+struct KernelRequest {
+    unsigned long request;
+    unsigned long arg;
+    std::string params;
+};
+std::vector<KernelRequest> kernelRequests;
+
+TEST_F(BootInputs, WatchdogModuleFollowsCommandLineConfigurationAndModuleListAndTheDogIsFedInMilliseconds)
 {
-    const std::string longLine = std::string(150, 'y') + "=" + std::string(149, 'z');
-    box_.WriteFile("/etc/qel/base-plat/stavik-daemon/bin_hash.cfg",
-                   "app=" + std::string(64, '0') + "\n=x\nlonely=\n" + longLine + "\n\nx=1=2\n");
-    IntegrityProtect& protect = IntegrityProtect::Instance();
-    protect.LoadHashConfig();
-    EXPECT_EQ(3u, LogCapture::Count("STAVIK: hash config string=" +
-                                    box_.Path("/etc/qel/base-plat/stavik-daemon/bin_hash.cfg") + " format is false"));
-    for (const std::string path : {"", "app", "a/", "///", "ab"}) {
-        EXPECT_FALSE(protect.CheckApp(path)) << path;
-        const std::string illegal = "STAVIK: IntegrityProtect appPath=" + path + " is illegal";
-        EXPECT_EQ(path.empty() ? 0u : 1u, LogCapture::Count(illegal));
+    const KernelCalls saved = CurrentKernelCalls();
+    CurrentKernelCalls() = {[](int, unsigned long request, unsigned long arg) {
+                                kernelRequests.push_back({request, arg, ""});
+                                return 0;
+                            },
+                            [](int, const char* params, int flags) {
+                                kernelRequests.push_back({0, static_cast<unsigned long>(flags), params});
+                                errno = EPERM;
+                                return -1L;
+                            }};
+    BootContext& context = BootContext::Instance();
+    struct Case {
+        bool yrncore, noWatchdog, enable, koFile;
+        std::string modules;
+        bool result, loads;
+        std::string line;
+    };
+    // The module gets the configured values, not the defaults.
+    const std::string params = "timeout=30 action=0 disable_on_poweroff=1";
+    const std::vector<Case> cases = {
+        {true, true, true, true, "", true, false, "Watchdog is disabled by cmdline parameter. Do not insert ko"},
+        // "nowatchdog" alone doesn't count, only with the kernel_utils mode.
+        {false, true, true, true, "", false, true,
+         "InsmodKo failed. finit_module ko=/var/sbsa_gwdt.ko failed errno=1, params=" + params},
+        {false, false, false, true, "", true, false, "/var/sbsa_gwdt.ko is disable, so not need insert"},
+        {false, false, true, false, "sbsa_gwdt 16384 0 - Live\n", false, false,
+         "/var/sbsa_gwdt.ko is not existed errno=2"},
+        {false, false, true, true, "x 1 0\nsbsa_gwdt_v2 16384 0 - Live\n", true, false,
+         "Watchdog ko=sbsa_gwdt is already insert"},
+        {false, false, true, true, "", false, true, "Watchdog ko checking, ko=sbsa_gwdt has not been inserted"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        ::Stavik::Test::Sandbox box;
+        setenv("STAVIK_SYSROOT", box.Root().c_str(), 1);
+        box.WriteFile("/proc/modules", c.modules);
+        if (c.koFile) {
+            box.WriteFile("/var/sbsa_gwdt.ko", "not a module");
+        }
+        context.yrncoreEnable_ = c.yrncore;
+        context.disableWatchDog_ = c.noWatchdog;
+        StavikCfg cfg;
+        cfg.wdEnable = c.enable;
+        cfg.wdTimeout = "30";
+        cfg.wdAction = "0";
+        kernelRequests.clear();
+        LogCapture::Begin();
+        EXPECT_EQ(c.result, context.InsertWatchdogKo(cfg));
+        EXPECT_EQ(1u, LogCapture::Count(c.line));
+        ASSERT_EQ(c.loads ? 1u : 0u, kernelRequests.size());
+        if (c.loads) {
+            EXPECT_EQ(params, kernelRequests[0].params);
+            EXPECT_EQ(0u, kernelRequests[0].arg);
+        }
     }
-    EXPECT_TRUE(protect.CheckApp("/unlisted"));
-    EXPECT_TRUE(protect.CheckApp("/dir/lonely"));
-    for (const std::string path : {"/app", "/no/such/dir/app/", "x/app//"}) {
-        EXPECT_FALSE(protect.CheckApp(path)) << path;
-        EXPECT_EQ(1u, LogCapture::Count("STAVIK: IntegrityProtect sha256sum failed for app=" + path)) << path;
-    }
-    siginfo_t info {};
-    EXPECT_TRUE(waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == 0) << info.si_pid;
-    box_.WriteFile("/etc/qel/base-plat/stavik-daemon/bin_hash.cfg", "");
-    protect.LoadHashConfig();
+    context.yrncoreEnable_ = context.disableWatchDog_ = false;
+
+    setenv("STAVIK_SYSROOT", box_.Root().c_str(), 1);
+    kernelRequests.clear();
+    EXPECT_FALSE(context.EnableFeedDog(StavikCfg()));
+    EXPECT_TRUE(LogCapture::Contains("EnableFeedDog failed. open device=/local/dev/yrnutil_watchdog failed errno=2"));
+    EXPECT_TRUE(kernelRequests.empty());
+    box_.WriteFile("/local/dev/yrnutil_watchdog", "");
+    EXPECT_TRUE(context.EnableFeedDog(StavikCfg()));
+    ASSERT_EQ(1u, kernelRequests.size());
+    EXPECT_EQ(0xC0085701u, kernelRequests[0].request);
+    EXPECT_EQ(60000u, kernelRequests[0].arg);
+    CurrentKernelCalls() = saved;
 }
 
 } // namespace

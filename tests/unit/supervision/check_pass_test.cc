@@ -1,5 +1,6 @@
 // The steps of a check pass: dead base services, changes of general
-// applications, removal of finished records.
+// applications, removal of finished records; and the wait thread's choice of
+// the record that a reaped pid belongs to.
 #include "tests/unit/supervision/supervision_fixture.h"
 
 namespace Stavik {
@@ -8,6 +9,8 @@ namespace {
 
 const int32_t EXIT_CODE_1 = 0x0100;
 const int32_t KILLED_BY_SIGSEGV = SIGSEGV;
+const int32_t PID = 4242;
+const uint64_t NOW = 1000;
 
 class CheckPass : public DaemonSteps {
 protected:
@@ -90,7 +93,7 @@ TEST_F(CheckPass, FinishedRecordsGoUnlessTheirBasePolicyIsResident)
     AddGeneral("working", "owner", 21, RUNNING);
     daemon_->RemoveFinishedApps();
 
-    ASSERT_EQ(2u, BaseCount());
+    ASSERT_EQ(2u, executedBaseApp_.size());
     EXPECT_EQ("live", executedBaseApp_[0].appName_);
     EXPECT_EQ("resident", executedBaseApp_[1].appName_);
     EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : Process gone removed from the list of executedBaseApp_"));
@@ -100,17 +103,43 @@ TEST_F(CheckPass, FinishedRecordsGoUnlessTheirBasePolicyIsResident)
     EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : Process finished removed from the list of generalAppMap_"));
 }
 
-TEST_F(CheckPass, PassOverRecordsAtRestIsSilent)
+TEST_F(CheckPass, OldestLiveRecordAcrossBothListsStartedBeforeTheReapGetsTheStatus)
 {
-    for (int i = 0; i < 16; ++i) {
-        AddBase(Base(Data("base" + std::to_string(i)), 100 + i, RUNNING));
-        AddGeneral("general" + std::to_string(i), "owner", 200 + i, RUNNING);
-    }
-    daemon_->CheckBaseApps();
-    daemon_->CheckGeneralApps();
-    daemon_->RemoveFinishedApps();
-    EXPECT_TRUE(LogCapture::Lines().empty());
-    EXPECT_EQ(16u, BaseCount());
+    // The base record is older: it is the dead one, the general one a reuse.
+    auto general = AddGeneral("gen", "owner", PID, RUNNING, 200);
+    AddBase(Base(Data("base"), PID, RUNNING, 100));
+    daemon_->DeliverExitStatus(PID, EXIT_CODE_1, NOW);
+    EXPECT_TRUE(BaseCopy("base").hasExitStatus_);
+    EXPECT_EQ(EXIT_CODE_1, BaseCopy("base").exitStatus_);
+    EXPECT_FALSE(general->hasExitStatus_);
+
+    // Equal start times: the general record wins, the comparison is strict.
+    ClearTables();
+    general = AddGeneral("gen", "owner", PID, RUNNING, 100);
+    AddBase(Base(Data("base"), PID, RUNNING, 100));
+    daemon_->DeliverExitStatus(PID, EXIT_CODE_1, NOW);
+    EXPECT_TRUE(general->hasExitStatus_);
+    EXPECT_FALSE(BaseCopy("base").hasExitStatus_);
+
+    // A dead record with the pid doesn't count, however old.
+    ClearTables();
+    AddBase(Base(Data("dead"), PID, TERMINATED, 10));
+    AddBase(Base(Data("live"), PID, STARTING, 300));
+    daemon_->DeliverExitStatus(PID, EXIT_CODE_1, NOW);
+    EXPECT_FALSE(BaseCopy("dead").hasExitStatus_);
+    EXPECT_TRUE(BaseCopy("live").hasExitStatus_);
+    EXPECT_FALSE(LogCapture::Contains("can not find app"));
+
+    // A record started at the reap is not the dead one: the status is dropped.
+    ClearTables();
+    general = AddGeneral("gen", "owner", PID, RUNNING, NOW);
+    AddBase(Base(Data("base"), PID, RUNNING, NOW + 1));
+    AddBase(Base(Data("other"), PID + 1, RUNNING, 1));
+    daemon_->DeliverExitStatus(PID, EXIT_CODE_1, NOW);
+    EXPECT_FALSE(general->hasExitStatus_);
+    EXPECT_FALSE(BaseCopy("base").hasExitStatus_);
+    EXPECT_FALSE(BaseCopy("other").hasExitStatus_);
+    EXPECT_EQ(LOG_WARNING, LevelOf("STAVIK: can not find app, pid=4242"));
 }
 
 } // namespace

@@ -2,9 +2,7 @@
 #define STAVIK_TESTS_UNIT_SUPERVISION_SUPERVISION_FIXTURE_H
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 
 #include <memory>
 #include <string>
@@ -104,12 +102,6 @@ protected:
         return none;
     }
 
-    static size_t BaseCount()
-    {
-        std::lock_guard<std::mutex> lock(baseAppMutex_);
-        return executedBaseApp_.size();
-    }
-
     // Level of the first captured line holding text, or -1.
     static int LevelOf(const std::string& text)
     {
@@ -119,29 +111,6 @@ protected:
             }
         }
         return -1;
-    }
-
-    // Position of the first captured line holding text, or -1.
-    static long IndexOf(const std::string& text)
-    {
-        std::vector<CapturedLine> lines = LogCapture::Lines();
-        for (size_t i = 0; i < lines.size(); ++i) {
-            if (lines[i].text.find(text) != std::string::npos) {
-                return static_cast<long>(i);
-            }
-        }
-        return -1;
-    }
-
-    // Ends a child this test started; bounded. Made-up pids of records are
-    // left alone: only a child of this process is signalled.
-    static void KillAndReap(pid_t pid)
-    {
-        if (pid < 1 || waitpid(pid, nullptr, WNOHANG) != 0) {
-            return;
-        }
-        kill(pid, SIGKILL);
-        EXPECT_TRUE(::Stavik::Test::WaitUntil([pid] { return waitpid(pid, nullptr, WNOHANG) == pid; }));
     }
 
     ::Stavik::Test::Sandbox sandbox_;

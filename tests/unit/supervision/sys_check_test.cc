@@ -30,11 +30,10 @@ protected:
         unsetenv("STAVIK_SYSROOT");
     }
 
-    void SetFree(int node, const std::string& freeKb)
+    void SetFree(const std::string& freeKb, const std::string& node = "0")
     {
-        sandbox_.WriteFile("/sys/devices/system/node/node" + std::to_string(node) + "/meminfo",
-                           "Node " + std::to_string(node) + " MemTotal: 9999999 kB\nNode " + std::to_string(node) +
-                               " MemFree:   " + freeKb + " kB\n");
+        sandbox_.WriteFile("/sys/devices/system/node/node" + node + "/meminfo",
+                           "Node " + node + " MemTotal: 9999999 kB\nNode " + node + " MemFree:   " + freeKb + " kB\n");
     }
 
     std::string Node(const std::string& key) const
@@ -43,8 +42,6 @@ protected:
         size_t at = text.find(key + "=");
         return at == std::string::npos ? "" : text.substr(at + key.size() + 1, text.find('\n', at) - at - key.size() - 1);
     }
-
-    size_t ScriptRuns() const { return sandbox_.ReadFile("/out/runs").size(); }
 
     ::Stavik::Test::Sandbox sandbox_;
     SysCheckState state_;
@@ -58,7 +55,7 @@ TEST_F(MemoryCheck, TheBandHoldsTheFaultAndTheScriptRunsOncePerShortage)
     sandbox_.WriteFile("/out/runs", "");
     sandbox_.WriteFile("/var/sys_meminfo_monitor.sh", "printf x >> " + sandbox_.Path("/out/runs") + "\n");
     ASSERT_TRUE(server_.Init());
-    SetFree(0, "1");
+    SetFree("1");
     server_.CheckMemory();
     EXPECT_EQ("0", Node("updates")) << "the first call only starts the clock";
 
@@ -80,53 +77,52 @@ TEST_F(MemoryCheck, TheBandHoldsTheFaultAndTheScriptRunsOncePerShortage)
     };
     for (size_t i = 0; i < steps.size(); ++i) {
         nowNs_ += steps[i].afterNs;
-        SetFree(0, steps[i].freeKb);
+        SetFree(steps[i].freeKb);
         server_.CheckMemory();
         EXPECT_EQ(steps[i].event, Node("event")) << "step " << i;
         EXPECT_EQ(steps[i].updates, Node("updates")) << "step " << i;
-        EXPECT_EQ(steps[i].scriptRuns, ScriptRuns()) << "step " << i;
+        EXPECT_EQ(steps[i].scriptRuns, sandbox_.ReadFile("/out/runs").size()) << "step " << i;
     }
-    EXPECT_TRUE(LogCapture::Contains("[SysCheckServer:"));
     EXPECT_EQ(2u, LogCapture::Count("Not need reporting system memory shortage. (freeSize="));
     EXPECT_TRUE(LogCapture::Contains("ReportEvent freeSize=300000KB, lowerThreshold=307200KB"));
     server_.Stop();
     EXPECT_FALSE(sandbox_.Exists("/hal/sensor_os-memory_dev0"));
-}
 
-TEST_F(MemoryCheck, NodeListsCoherentDeviceNodesAndUnreadableFiles)
-{
-    const std::vector<std::pair<std::string, std::vector<int32_t>>> items = {
+    const std::vector<std::pair<std::string, std::vector<int32_t>>> lists = {
         {"0-2", {0, 1, 2}}, {"5\n", {5}}, {"3-3", {3}}, {"4-2", {}}, {"-3", {}}, {"3-", {}}, {"x", {}}, {"", {}}};
-    for (const auto& item : items) {
-        EXPECT_EQ(item.second, server_.ParseNumaNodeList(item.first)) << item.first;
+    for (const auto& list : lists) {
+        EXPECT_EQ(list.second, server_.ParseNumaNodeList(list.first)) << list.first;
     }
     EXPECT_TRUE(LogCapture::Contains("Get numa node list, exception is thrown out. (str=x,detail=stoi)"));
+}
 
-    // Without a list of coherent device nodes the normal-memory list counts.
-    sandbox_.WriteFile("/sys/devices/system/node/has_normal_memory", "0-2,5\n");
-    sandbox_.WriteFile("/sys/devices/system/node/has_memory", "0-3\n");
+TEST_F(MemoryCheck, NodesOfCoherentDevicesDontCountAndAnUnreadableFileFailsTheReading)
+{
+    const std::string nodeDir = "/sys/devices/system/node/";
+    sandbox_.WriteFile(nodeDir + "has_normal_memory", "0-2,5\n");
+    sandbox_.WriteFile(nodeDir + "has_memory", "0-3\n");
     std::set<int32_t> nodes;
     ASSERT_TRUE(server_.GetOsNumaNodes(nodes));
-    EXPECT_EQ(std::set<int32_t>({0, 1, 2, 5}), nodes);
-    sandbox_.WriteFile("/sys/devices/system/node/is_cdm_node", "1,3\n");
+    EXPECT_EQ(std::set<int32_t>({0, 1, 2, 5}), nodes) << "without a device list the normal-memory list counts";
+    sandbox_.WriteFile(nodeDir + "is_cdm_node", "1,3\n");
     ASSERT_TRUE(server_.GetOsNumaNodes(nodes));
     EXPECT_EQ(std::set<int32_t>({0, 2}), nodes);
     EXPECT_TRUE(LogCapture::Contains("numa node 2 is managed by os."));
 
-    // A node file missing fails the reading and changes nothing.
-    SetFree(0, "1");
+    // A missing node file fails the sum; once there, all nodes add up.
+    SetFree("1");
     uint64_t total = 0;
     EXPECT_FALSE(server_.GetFreeMemory(total));
-    EXPECT_TRUE(LogCapture::Contains("Cannot open node statistic file " + sandbox_.Path("/sys/devices/system/node/node2/meminfo")));
-    SetFree(2, "7");
+    EXPECT_TRUE(LogCapture::Contains("Cannot open node statistic file " + sandbox_.Path(nodeDir + "node2/meminfo")));
+    SetFree("7", "2");
     total = 0;
     EXPECT_TRUE(server_.GetFreeMemory(total));
     EXPECT_EQ(8u, total);
 
-    // A coherent device list that can't be read disables the check for good.
+    // A device list that can't be read disables the check for good.
     SysCheckState fresh;
     SysCheckServer server(fresh, [] { return 0; });
-    const std::string cdmList = sandbox_.Path("/sys/devices/system/node/is_cdm_node");
+    const std::string cdmList = sandbox_.Path(nodeDir + "is_cdm_node");
     ASSERT_EQ(0, unlink(cdmList.c_str()));
     ASSERT_EQ(0, mkdir(cdmList.c_str(), 0755));
     EXPECT_FALSE(server.GetFreeMemory(total));
