@@ -39,7 +39,7 @@ shift $((OPTIND - 1))
 Summary() {
     cat "$@" | awk -F'\t' '
         { n[$1]++ }
-        $1 == "SURVIVED" { print "survived: " $2 ":" $3 " " $6 " (" $4 " -> " $5 ")" }
+        $1 == "SURVIVED" { print "survived: " $2 ":" $3 ":" $4 " " $7 " (" $5 " -> " $6 ")" }
         END {
             live = n["KILLED"] + n["SURVIVED"]
             printf "mutants %d: killed %d, survived %d, stillborn %d; kill rate %.1f%%\n",
@@ -130,7 +130,7 @@ while IFS=$'\x1f' read -r file line col old new kind; do
         verdict=KILLED
     fi
     Restore
-    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$verdict" "$file" "$line" "$old" "$new" "$kind" "$by" >> "$report"
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$verdict" "$file" "$line" "$col" "$old" "$new" "$kind" "$by" >> "$report"
     echo "$index $verdict $file:$line $kind ($old -> $new) $by"
 done < <(python3 "$root/scripts/mutants.py" sample "$seed" "$count" "${files[@]}")
 Summary "$report"
