@@ -1,8 +1,11 @@
 #include "tests/support/played_owners.h"
 
 #include <dirent.h>
+#include <sched.h>
+#include <sys/wait.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 
@@ -112,6 +115,57 @@ std::map<pid_t, char> ChildrenOf(pid_t parent)
         closedir(proc);
     }
     return children;
+}
+
+std::vector<uint32_t> UsableCpus()
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    sched_getaffinity(0, sizeof(set), &set);
+    std::vector<uint32_t> cpus;
+    for (uint32_t cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(cpu, &set)) {
+            cpus.push_back(cpu);
+        }
+    }
+    return cpus;
+}
+
+std::string AllowedList(pid_t pid, pid_t tid)
+{
+    std::istringstream in(ReadWholeFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status"));
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("Cpus_allowed_list:", 0) == 0) {
+            return line.substr(line.find_first_not_of(" \t", 18));
+        }
+    }
+    return "";
+}
+
+std::map<int32_t, uint32_t> GroupMembers(const Sandbox& sandbox, const std::string& group)
+{
+    std::map<int32_t, uint32_t> found;
+    std::istringstream in(ReadWholeFile(sandbox.TubixDir() + "/hal/groups/" + group));
+    int32_t pid = 0;
+    uint32_t word = 0;
+    for (std::string line; std::getline(in, line);) {
+        if (sscanf(line.c_str(), "member=%d %u", &pid, &word) == 2) {
+            found[pid] = word;
+        }
+    }
+    return found;
+}
+
+std::pair<int, std::string> RunCommand(const std::string& commandLine)
+{
+    FILE* out = popen(commandLine.c_str(), "r");
+    std::string text;
+    char buffer[4096];
+    while (out != nullptr && fgets(buffer, sizeof(buffer), out) != nullptr) {
+        text += buffer;
+    }
+    int status = out != nullptr ? pclose(out) : -1;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
 }
 
 } // namespace Test

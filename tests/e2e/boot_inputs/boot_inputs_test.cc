@@ -53,13 +53,7 @@ std::string UnlimitedAsSeen()
 
 std::string Digest(const std::string& path)
 {
-    FILE* tool = popen(("sha256sum '" + path + "'").c_str(), "r");
-    char text[65] = {0};
-    bool read = tool != nullptr && fgets(text, sizeof(text), tool) != nullptr;
-    if (tool != nullptr) {
-        pclose(tool);
-    }
-    return read ? text : "";
+    return RunCommand("sha256sum '" + path + "'").second.substr(0, 64);
 }
 
 struct BootCase {

@@ -19,20 +19,6 @@ namespace {
 const std::string CG = "/sys/fs/cgroup/";
 const int CHILD_WAIT_MS = 10000;
 
-std::vector<uint32_t> UsableCpus()
-{
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    sched_getaffinity(0, sizeof(set), &set);
-    std::vector<uint32_t> cpus;
-    for (uint32_t cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-        if (CPU_ISSET(cpu, &set)) {
-            cpus.push_back(cpu);
-        }
-    }
-    return cpus;
-}
-
 // Plain numbers: the list form the daemon reads whole whatever the core numbers.
 std::string CpuList(const std::vector<uint32_t>& cpus)
 {
@@ -41,18 +27,6 @@ std::string CpuList(const std::vector<uint32_t>& cpus)
         text += (text.empty() ? "" : ",") + std::to_string(cpu);
     }
     return text;
-}
-
-std::string AllowedList(uint32_t pid, uint32_t tid)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("Cpus_allowed_list:", 0) == 0) {
-            return line.substr(line.find_first_not_of(" \t", 18));
-        }
-    }
-    return "";
 }
 
 // The ids of a tasks file, each as often as it was appended.

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <optional>
 #include <thread>
@@ -28,18 +27,6 @@ const std::string NAME_31(31, 'n');
 const size_t RESULT_AT[] = {offsetof(BindThreadMsg, result), offsetof(MempodGrpCreateMsg, result),
                             offsetof(MempodGrpAddProcMsg, result), offsetof(MempodGrpQueryMsg, result),
                             offsetof(SetSchedulerMsg, result)};
-
-std::string AllowedList(uint32_t tid)
-{
-    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("Cpus_allowed_list:", 0) == 0) {
-            return line.substr(line.find_first_not_of(" \t", 18));
-        }
-    }
-    return "";
-}
 
 template <typename Msg>
 std::vector<uint8_t> Bytes(const Msg& msg, int sizeDelta = 0)
@@ -62,8 +49,8 @@ class SysOperatorRun : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        box_.WriteFile("/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus", std::to_string(Cpus().front()) + "," +
-                                                                         std::to_string(Cpus().back()) + "\n");
+        box_.WriteFile("/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus", std::to_string(UsableCpus().front()) + "," +
+                                                                         std::to_string(UsableCpus().back()) + "\n");
         std::string manifest = box_.WriteFile("/etc/base.yaml", AppsText({DummyOwner("zulmgr")}));
         owners_ = std::make_unique<PlayedOwners>(box_, std::vector<std::string>{"zulmgr"});
         ASSERT_EQ("", owners_->Error());
@@ -90,20 +77,6 @@ protected:
         }
     }
 
-    // The first and the last CPU this test may use.
-    static std::vector<uint32_t> Cpus()
-    {
-        cpu_set_t set;
-        sched_getaffinity(0, sizeof(set), &set);
-        std::vector<uint32_t> cpus;
-        for (uint32_t cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-            if (CPU_ISSET(cpu, &set)) {
-                cpus.push_back(cpu);
-            }
-        }
-        return {cpus.front(), cpus.back()};
-    }
-
     Sandbox box_;
     std::unique_ptr<PlayedOwners> owners_;
     std::unique_ptr<DaemonProcess> daemon_;
@@ -112,28 +85,21 @@ protected:
     std::atomic<bool> stop_{false};
 };
 
-// Standard output and exit status of the tool.
-std::pair<std::string, int> RunTool(const std::string& args, const std::string& envPrefix = "")
+// Exit status and standard output of the tool.
+std::pair<int, std::string> RunTool(const std::string& args, const std::string& envPrefix = "")
 {
-    FILE* out = popen((envPrefix + BuiltProgram("client/stavik-sysop") + " " + args + " 2>/dev/null").c_str(), "r");
-    std::string text;
-    char buffer[512];
-    while (out != nullptr && fgets(buffer, sizeof(buffer), out) != nullptr) {
-        text += buffer;
-    }
-    int status = out != nullptr ? pclose(out) : -1;
-    return {text, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+    return RunCommand(envPrefix + BuiltProgram("client/stavik-sysop") + " " + args + " 2>/dev/null");
 }
 
 TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
 {
     const int32_t self = static_cast<int32_t>(getpid());
     const uint32_t tid = tid_;
-    const uint32_t low = Cpus().front();
-    const uint32_t high = Cpus().back();
+    const uint32_t low = UsableCpus().front();
+    const uint32_t high = UsableCpus().back();
     const std::string first = std::to_string(low);
     const std::string both = low == high ? first : first + (high == low + 1 ? "-" : ",") + std::to_string(high);
-    BindThreadMsg bind{tid, {Cpus().front()}, 1, 0, static_cast<uint32_t>(self)};
+    BindThreadMsg bind{tid, {UsableCpus().front()}, 1, 0, static_cast<uint32_t>(self)};
     BindThreadMsg bind128 = bind;
     bind128.coreNum = 128;
     BindThreadMsg bindControl = bind;
@@ -165,7 +131,7 @@ TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
     schedNone.threadNum = 0;
     schedNone.result = 77;
     auto allowed = [tid](const std::string& list) {
-        return [tid, list](const std::vector<uint8_t>&) { EXPECT_EQ(list, AllowedList(tid)); };
+        return [tid, list](const std::vector<uint8_t>&) { EXPECT_EQ(list, AllowedList(getpid(), tid)); };
     };
     auto policy = [tid](int expected) {
         return [tid, expected](const std::vector<uint8_t>&) { EXPECT_EQ(expected, sched_getscheduler(tid)); };
@@ -236,7 +202,7 @@ TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
     // The command-line tool prints each reply as one JSON line.
     const std::string selfText = std::to_string(self);
     const std::string tidText = std::to_string(tid);
-    const std::string core = std::to_string(Cpus().back());
+    const std::string core = std::to_string(UsableCpus().back());
     const std::vector<std::pair<std::string, std::string>> calls = {
         {"grp-create TOOL_G --size 8", R"("name":"TOOL_G","maxMemSize":8,"result":0})"},
         {"grp-add TOOL_G --pid " + selfText + " --perm alloc", R"("attr":14,"result":0})"},
@@ -245,14 +211,14 @@ TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
         {"sched --tid " + tidText + " --policy batch --prio 0", R"("policy":3,"priority":0}],"result":0})"},
     };
     for (const auto& call : calls) {
-        std::pair<std::string, int> run = RunTool(call.first);
-        EXPECT_EQ(0, run.second) << call.first;
-        EXPECT_NE(std::string::npos, run.first.find(call.second)) << call.first << ": " << run.first;
-        EXPECT_EQ(1, std::count(run.first.begin(), run.first.end(), '\n')) << run.first;
+        std::pair<int, std::string> run = RunTool(call.first);
+        EXPECT_EQ(0, run.first) << call.first;
+        EXPECT_NE(std::string::npos, run.second.find(call.second)) << call.first << ": " << run.second;
+        EXPECT_EQ(1, std::count(run.second.begin(), run.second.end(), '\n')) << run.second;
     }
-    EXPECT_EQ(core, AllowedList(tid_));
+    EXPECT_EQ(core, AllowedList(getpid(), tid_));
     EXPECT_EQ(SCHED_BATCH, sched_getscheduler(static_cast<pid_t>(tid_)));
-    EXPECT_EQ(1, RunTool("--open-timeout-ms 100 grp-query groups", "TUBIX_DIR=/nonexistent ").second);
+    EXPECT_EQ(1, RunTool("--open-timeout-ms 100 grp-query groups", "TUBIX_DIR=/nonexistent ").first);
 }
 
 } // namespace
