@@ -33,6 +33,10 @@ public:
     static bool Start(const std::string& owner, const std::vector<std::string>& apps);
     static bool Restart(const std::string& owner, const std::vector<std::string>& apps);
     static bool Term(const std::string& owner, const std::vector<std::string>& apps);
+    using Request = bool (*)(const std::string& owner, const std::vector<std::string>& apps);
+    // Sends one request for app and waits for the entry in `state` that follows it.
+    static std::optional<Message::AppStateInfo> Ask(Request request, const std::string& owner, const std::string& app,
+                                                    ReportAppStateType state);
     static bool WaitForExact(const std::string& text) { return daemon_->WaitForExact(text); }
     // Lines whose text is exactly `text`, counted once every line the daemon
     // wrote before this call has been read.
