@@ -1,6 +1,5 @@
 #include "tests/support/played_owners.h"
 
-#include <dirent.h>
 #include <sched.h>
 #include <sys/wait.h>
 
@@ -11,20 +10,6 @@
 
 namespace Stavik {
 namespace Test {
-namespace {
-
-// The state letter and the parent of a process: the fields behind the
-// command name, which may hold blanks.
-bool ReadStat(const std::string& pidText, char& state, pid_t& ppid)
-{
-    std::string stat = ReadWholeFile("/proc/" + pidText + "/stat");
-    size_t close = stat.rfind(')');
-    std::istringstream rest(close == std::string::npos ? "" : stat.substr(close + 1));
-    return static_cast<bool>(rest >> state >> ppid);
-}
-
-} // namespace
-
 PlayedOwners::PlayedOwners(const Sandbox& sandbox, const std::vector<std::string>& names)
 {
     setenv("TUBIX_DIR", sandbox.TubixDir().c_str(), 1);
@@ -93,28 +78,10 @@ bool IgnoresSignal(pid_t pid, int signal)
 
 char ProcessState(pid_t pid)
 {
-    char state = 0;
-    pid_t ppid = 0;
-    return ReadStat(std::to_string(pid), state, ppid) ? state : 0;
-}
-
-std::map<pid_t, char> ChildrenOf(pid_t parent)
-{
-    std::map<pid_t, char> children;
-    DIR* proc = opendir("/proc");
-    while (struct dirent* entry = proc == nullptr ? nullptr : readdir(proc)) {
-        char* end = nullptr;
-        long pid = strtol(entry->d_name, &end, 10);
-        char state = 0;
-        pid_t ppid = 0;
-        if (pid > 0 && *end == '\0' && ReadStat(entry->d_name, state, ppid) && ppid == parent) {
-            children[static_cast<pid_t>(pid)] = state;
-        }
-    }
-    if (proc != nullptr) {
-        closedir(proc);
-    }
-    return children;
+    // The state letter follows the command name, which may hold blanks.
+    std::string stat = ReadWholeFile("/proc/" + std::to_string(pid) + "/stat");
+    size_t close = stat.rfind(')');
+    return close == std::string::npos || close + 2 >= stat.size() ? 0 : stat[close + 2];
 }
 
 std::vector<uint32_t> UsableCpus()

@@ -3,16 +3,13 @@
 // real effects on a thread of this process, and the command-line tool.
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <functional>
 #include <optional>
-#include <thread>
 
 #include "client/zul_resource_client.h"
 #include "resource/sys_operator_msg.h"
@@ -45,61 +42,33 @@ struct Row {
     std::function<void(const std::vector<uint8_t>&)> after;
 };
 
-class SysOperatorRun : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        box_.WriteFile("/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus", std::to_string(UsableCpus().front()) + "," +
-                                                                         std::to_string(UsableCpus().back()) + "\n");
-        std::string manifest = box_.WriteFile("/etc/base.yaml", AppsText({DummyOwner("zulmgr")}));
-        owners_ = std::make_unique<PlayedOwners>(box_, std::vector<std::string>{"zulmgr"});
-        ASSERT_EQ("", owners_->Error());
-        daemon_ = std::make_unique<DaemonProcess>(box_, std::vector<std::string>{manifest});
-        OwnerSession& zul = (*owners_)["zulmgr"];
-        ASSERT_TRUE(zul.WaitForDaemon(OWNER_WAIT_MS)) << daemon_->Log();
-        ASSERT_TRUE(zul.SendState(Message::BaseServiceStateType::INIT));
-        ASSERT_TRUE(daemon_->WaitForExact("STAVIK ZULRegisterService resFile=/res/stavik/sys_server success."))
-            << daemon_->Log();
-        idle_ = std::thread([this] {
-            tid_ = static_cast<uint32_t>(syscall(SYS_gettid));
-            while (!stop_) {
-                usleep(1000);
-            }
-        });
-        ASSERT_TRUE(WaitUntil([this] { return tid_ != 0; }));
-    }
-
-    void TearDown() override
-    {
-        stop_ = true;
-        if (idle_.joinable()) {
-            idle_.join();
-        }
-    }
-
-    Sandbox box_;
-    std::unique_ptr<PlayedOwners> owners_;
-    std::unique_ptr<DaemonProcess> daemon_;
-    std::thread idle_;
-    std::atomic<uint32_t> tid_{0};
-    std::atomic<bool> stop_{false};
-};
-
 // Exit status and standard output of the tool.
 std::pair<int, std::string> RunTool(const std::string& args, const std::string& envPrefix = "")
 {
     return RunCommand(envPrefix + BuiltProgram("client/stavik-sysop") + " " + args + " 2>/dev/null");
 }
 
-TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
+// The effects land on a process of the test, a thread of its own.
+TEST(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
 {
+    Sandbox box;
+    box.WriteFile("/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus",
+                  std::to_string(UsableCpus().front()) + "," + std::to_string(UsableCpus().back()) + "\n");
+    PlayedOwners owners(box, {"zulmgr"});
+    ASSERT_EQ("", owners.Error());
+    DaemonProcess daemon(box, {box.WriteFile("/etc/base.yaml", AppsText({DummyOwner("zulmgr")}))});
+    ASSERT_TRUE(owners["zulmgr"].WaitForDaemon(OWNER_WAIT_MS)) << daemon.Log();
+    ASSERT_TRUE(owners["zulmgr"].SendState(Message::BaseServiceStateType::INIT));
+    ASSERT_TRUE(daemon.WaitForExact("STAVIK ZULRegisterService resFile=/res/stavik/sys_server success."))
+        << daemon.Log();
+    DaemonProcess idle("/bin/sleep", {"600"}, {});
     const int32_t self = static_cast<int32_t>(getpid());
-    const uint32_t tid = tid_;
+    const uint32_t tid = static_cast<uint32_t>(idle.Pid());
     const uint32_t low = UsableCpus().front();
     const uint32_t high = UsableCpus().back();
     const std::string first = std::to_string(low);
     const std::string both = low == high ? first : first + (high == low + 1 ? "-" : ",") + std::to_string(high);
-    BindThreadMsg bind{tid, {UsableCpus().front()}, 1, 0, static_cast<uint32_t>(self)};
+    BindThreadMsg bind{tid, {UsableCpus().front()}, 1, 0, tid};
     BindThreadMsg bind128 = bind;
     bind128.coreNum = 128;
     BindThreadMsg bindControl = bind;
@@ -131,7 +100,7 @@ TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
     schedNone.threadNum = 0;
     schedNone.result = 77;
     auto allowed = [tid](const std::string& list) {
-        return [tid, list](const std::vector<uint8_t>&) { EXPECT_EQ(list, AllowedList(getpid(), tid)); };
+        return [tid, list](const std::vector<uint8_t>&) { EXPECT_EQ(list, AllowedList(tid, tid)); };
     };
     auto policy = [tid](int expected) {
         return [tid, expected](const std::vector<uint8_t>&) { EXPECT_EQ(expected, sched_getscheduler(tid)); };
@@ -195,9 +164,9 @@ TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
              "<3> stavik sysOperator server GrpCreate name too long=32",
              "<3> stavik sysOperator server SetScheduler errno=22, thread=" + std::to_string(tid) +
                  ", policy=99, priority=0"}) {
-        EXPECT_NE("", daemon_->WaitForLine(line, OWNER_WAIT_MS)) << line;
+        EXPECT_NE("", daemon.WaitForLine(line, OWNER_WAIT_MS)) << line;
     }
-    EXPECT_EQ(0u, daemon_->CountLines("HAL: group name"));
+    EXPECT_EQ(0u, daemon.CountLines("HAL: group name"));
 
     // The command-line tool prints each reply as one JSON line.
     const std::string selfText = std::to_string(self);
@@ -207,7 +176,7 @@ TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
         {"grp-create TOOL_G --size 8", R"("name":"TOOL_G","maxMemSize":8,"result":0})"},
         {"grp-add TOOL_G --pid " + selfText + " --perm alloc", R"("attr":14,"result":0})"},
         {"grp-query groups", R"("TOOL_G")"},
-        {"bind --pid " + selfText + " --tid " + tidText + " --cores " + core, R"("cores":[)" + core + R"(],"result":0})"},
+        {"bind --pid " + tidText + " --tid " + tidText + " --cores " + core, R"("cores":[)" + core + R"(],"result":0})"},
         {"sched --tid " + tidText + " --policy batch --prio 0", R"("policy":3,"priority":0}],"result":0})"},
     };
     for (const auto& call : calls) {
@@ -216,8 +185,8 @@ TEST_F(SysOperatorRun, CommandsSizesLimitsNamesAndEffects)
         EXPECT_NE(std::string::npos, run.second.find(call.second)) << call.first << ": " << run.second;
         EXPECT_EQ(1, std::count(run.second.begin(), run.second.end(), '\n')) << run.second;
     }
-    EXPECT_EQ(core, AllowedList(getpid(), tid_));
-    EXPECT_EQ(SCHED_BATCH, sched_getscheduler(static_cast<pid_t>(tid_)));
+    EXPECT_EQ(core, AllowedList(idle.Pid(), idle.Pid()));
+    EXPECT_EQ(SCHED_BATCH, sched_getscheduler(idle.Pid()));
     EXPECT_EQ(1, RunTool("--open-timeout-ms 100 grp-query groups", "TUBIX_DIR=/nonexistent ").first);
 }
 
