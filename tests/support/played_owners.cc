@@ -3,6 +3,7 @@
 #include <sched.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -48,10 +49,8 @@ std::vector<Message::AppStateInfo> EntriesOf(const OwnerSession& owner, const st
 
 std::vector<uint32_t> StatesOf(const std::vector<Message::AppStateInfo>& entries)
 {
-    std::vector<uint32_t> states;
-    for (const Message::AppStateInfo& entry : entries) {
-        states.push_back(entry.state);
-    }
+    std::vector<uint32_t> states(entries.size());
+    std::transform(entries.begin(), entries.end(), states.begin(), [](const auto& entry) { return entry.state; });
     return states;
 }
 

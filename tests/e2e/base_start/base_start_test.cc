@@ -92,6 +92,11 @@ protected:
         execFails.binPath = box.WriteFile("/bin/not_a_program", "this is no program\n", 0755);
         AppEntry missing = ProbeApp("svc_c");
         missing.binPath = box.Path("/bin/absent");
+        // First in byte order, refused, so that its dependant's turn comes with nothing started yet.
+        AppEntry refused = ProbeApp("A_bad");
+        refused.binPath = box.Path("/bin/absent");
+        AppEntry firstDependant = Probe(box, "A_dep");
+        firstDependant.depends = {"A_bad"};
         AppEntry root = Probe(box, "Svc_Z").With("nice", "7").With("heartbeat", "{enable: true, interval: 250, count: 1}");
         root.env = {{"A_KEY", "a&&b $(c)"}, {"LD_PRELOAD", "/opt/libasan.so.6"}};
         root.startupEntryPath = "/etc/entry/svc_z.yaml";
@@ -112,7 +117,7 @@ protected:
         dependant.depends = {"svc_t"};
         return {Probe(box, "svc_z"), nobodyOtherGroup, idFails, dependant,
                 Probe(box, "svc_a").With("heartbeat", "{enable: true, interval: 0, count: 2}"), root, missing,
-                execFails, rootOtherGroup, nobody, ending};
+                execFails, rootOtherGroup, nobody, ending, firstDependant, refused};
     }
 
     // The manifest entry of a name.
@@ -220,6 +225,12 @@ TEST_F(BaseStartRun, IndependentServicesStartInByteOrderAndADependantOfAServiceN
                             [&](const std::string& line) { return std::regex_match(LogText(line), gaveUp); }));
     EXPECT_EQ(1u, daemon_->CountLines("after_t's dependcy"));
     EXPECT_FALSE(sandbox_->Exists("/out/after_t.rec"));
+    EXPECT_LT(daemon_->IndexOfExact("STAVIK : Start App=A_bad failed, binPath=" + EntryOf("A_bad").binPath +
+                                    " is not existed !!!"),
+              daemon_->IndexOfExact("STAVIK : A_dep 's dependcy A_bad hasn't been started"));
+    EXPECT_EQ(1u, daemon_->CountExact("Start A_bad failed, state:INITSTATE"));
+    EXPECT_EQ(0u, daemon_->CountLines("Start A_dep failed"));
+    EXPECT_FALSE(sandbox_->Exists("/out/A_dep.rec"));
 }
 
 // Exactly the base variables, the identity of the manifest and the daemon's
@@ -265,41 +276,6 @@ TEST_F(BaseStartRun, ChildrenFailingAfterTheForkLeaveTheirTextInTheLog)
     EXPECT_NE(std::string::npos, errInfo.find("getpwuid is null;")) << errInfo;
     EXPECT_TRUE(DeathLogged("svc_id")) << daemon_->Log();
     EXPECT_FALSE(sandbox_->Exists("/out/svc_id.rec"));
-}
-
-// Every refused service gets its own line, no fork, and the boot goes on; with
-// nothing started yet, the dependant of a refused one gets the "'s" form.
-TEST(BaseStartRefusal, RefusedServicesAreNotForkedAndTheBootGoesOn)
-{
-    Sandbox sandbox;
-    AppEntry badArgs = ProbeApp("a_args", {"--out", sandbox.Path("/out/a_args.rec"), "x&&y"});
-    AppEntry missing = ProbeApp("b_missing");
-    missing.binPath = sandbox.Path("/bin/absent");
-    AppEntry dependant = Probe(sandbox, "d_dep");
-    dependant.depends = {"a_args"};
-    DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", AppsText({dependant, missing, badArgs}))});
-    ASSERT_NE("", daemon.WaitForLine(" InitBaseApplication end", BOOT_TIMEOUT_MS)) << daemon.Log();
-
-    std::vector<std::string> refusals = {
-        "STAVIK : CheckChildProParas App=a_args arguments include illegal str",
-        "STAVIK : Start App=b_missing failed, binPath=" + missing.binPath + " is not existed !!!",
-        "STAVIK : d_dep depends on a_args [d_dep => a_args]",
-        "STAVIK : d_dep 's dependcy a_args hasn't been started",
-    };
-    long previous = -1;
-    for (const std::string& refusal : refusals) {
-        long at = daemon.IndexOfExact(refusal);
-        EXPECT_LT(previous, at) << refusal << "\n" << daemon.Log();
-        previous = at;
-    }
-    for (const std::string name : {"a_args", "b_missing"}) {
-        EXPECT_EQ(1u, daemon.CountExact("Start " + name + " failed, state:INITSTATE")) << name;
-        EXPECT_FALSE(sandbox.Exists("/out/" + name + ".rec")) << name;
-    }
-    EXPECT_EQ(0u, daemon.CountLines("Start d_dep failed"));
-    EXPECT_EQ(3u, daemon.CountLines(", start baseApp="));
-    EXPECT_TRUE(daemon.Starts().empty());
-    EXPECT_TRUE(daemon.WaitForExact("STAVIK : EnableWatchDog flag=0", BOOT_TIMEOUT_MS));
 }
 
 } // namespace

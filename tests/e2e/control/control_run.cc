@@ -164,12 +164,7 @@ pid_t ControlRun::StartRunning(const std::string& owner, const std::string& app)
 pid_t ControlRun::StartStubborn(const std::string& owner, const std::string& app)
 {
     pid_t pid = StartRunning(owner, app);
-    return pid > 0 && WaitUntilIgnoringTerm(pid) ? pid : 0;
-}
-
-bool ControlRun::WaitUntilIgnoringTerm(pid_t pid)
-{
-    return WaitUntil([&] { return IgnoresSignal(pid, SIGTERM); }, OWNER_WAIT_MS);
+    return pid > 0 && WaitUntil([&] { return IgnoresSignal(pid, SIGTERM); }, OWNER_WAIT_MS) ? pid : 0;
 }
 
 std::vector<Message::AppStateInfo> ControlRun::AwaitEntries(const std::string& owner, const std::string& app,

@@ -46,7 +46,6 @@ public:
     // The same for a process that ignores SIGTERM, once it has got that far:
     // a RUNNING report may come before the new program has set it up.
     static pid_t StartStubborn(const std::string& owner, const std::string& app);
-    static bool WaitUntilIgnoringTerm(pid_t pid);
     // The entries of app that reached owner since mark, once there are `count` of them or the wait is over.
     static std::vector<Message::AppStateInfo> AwaitEntries(const std::string& owner, const std::string& app,
                                                           size_t count, size_t mark);

@@ -2,6 +2,8 @@
 // outside, checked by what the owners are told. Cells that can't be hit from
 // outside (INITSTATE in the live map, TERMINATED before its removal, STARTING)
 // belong to the in-process tests of the handlers.
+#include <signal.h>
+
 #include <chrono>
 
 #include "tests/e2e/control/control_run.h"
@@ -165,7 +167,7 @@ TEST_F(ControlRun, TermWithoutForceGivesUpWhileRestartKillsAtTheTimeOut)
     ASSERT_TRUE(restarted.has_value()) << Daemon().Log();
     pid_t second = static_cast<pid_t>(restarted->pid);
     EXPECT_NE(first, second);
-    ASSERT_TRUE(WaitUntilIgnoringTerm(second));
+    ASSERT_TRUE(WaitUntil([&] { return IgnoresSignal(second, SIGTERM); }, OWNER_WAIT_MS));
     EXPECT_EQ(1u, Count("STAVIK : SendSignal: Successfully kill appName=t_noforce, pid=" + Pid(first)));
     EXPECT_TRUE(WaitUntil([&] { return !ProcessAlive(first); }, OWNER_WAIT_MS));
 
