@@ -112,8 +112,9 @@ TEST(SharepoolRun, GroupsAreCreatedOnceAndChosenChildrenJoinAndCarryThem)
     EXPECT_EQ("1|" + all, SharepoolEnv(em));
     EXPECT_EQ("1|DEFAULT_MEM_GROUP", SharepoolEnv(owner));
     EXPECT_EQ("none", SharepoolEnv(plain));
-    EXPECT_EQ("1|G_AUDIO#G_NET", SharepoolEnv(gData));
-    EXPECT_EQ("1|G_VIDEO#G_NET", SharepoolEnv(gLast));
+    // Read once the children have reached exec; before it they still carry the daemon's environment.
+    EXPECT_TRUE(WaitUntil([&] { return SharepoolEnv(gData) == "1|G_AUDIO#G_NET"; })) << SharepoolEnv(gData);
+    EXPECT_TRUE(WaitUntil([&] { return SharepoolEnv(gLast) == "1|G_VIDEO#G_NET"; })) << SharepoolEnv(gLast);
     EXPECT_FALSE(daemon.WaitForLine("app=g_data,pid=" + std::to_string(gData) +
                                         ",CheckSharepoolGroupCfg failed groupName=G_UNDECL is not legal;",
                                     CHILD_WAIT_MS)

@@ -127,7 +127,7 @@ TEST(UploadRun, ForeignProcessesAreAnnouncedJoinedAndWatchedUntilTheyGo)
     ASSERT_TRUE(zul.WaitForAppState("up_none", TERMINATED_NORMAL_EXIT, OWNER_WAIT_MS, mark)) << daemon.Log();
     auto took = std::chrono::steady_clock::now() - before;
     EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(took).count(), GONE_BOUND_MS);
-    EXPECT_GE(daemon.IndexOf("skupload pid=" + std::to_string(none) + ", name=up_none is not existent"), 0);
+    EXPECT_NE("", daemon.WaitForLine("skupload pid=" + std::to_string(none) + ", name=up_none is not existent"));
 
     // Bad records get no answer; a good one on the same pipe still does.
     setenv("PROC_NAME", "upload_test", 1);
