@@ -7,7 +7,7 @@ STAVIK_BUILD_DIR="${STAVIK_BUILD:-build}"
 
 daemon_bin="$build/stavik-daemon"
 owner_bin="$build/client/stavik-owner"
-load_owner_bin="$build/tests/load_owner"
+load_owner_bin="$build/bench/load_owner"
 probe_bin="$build/tests/probe_child"
 stress_dir="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 failures=0

@@ -26,45 +26,35 @@ def record(kind, body):
     return struct.pack("<I4xQ", kind, len(body)) + body.ljust(RECORD_DATA, b"\0") + bytes(4)
 
 
-class Pipe:
-    def __init__(self, conn):
-        self.conn = conn
-        self.next_id = 1
+def send(conn, ident, kind, body):
+    payload = record(kind, body)
+    conn.send(HEADER.pack(MAGIC, REQUEST, 0, ident, len(payload)) + payload)
 
-    def send(self, kind, body):
-        payload = record(kind, body)
-        self.conn.send(HEADER.pack(MAGIC, REQUEST, 0, self.next_id, len(payload)) + payload)
-        self.next_id += 1
 
-    def receive(self):
-        packet = self.conn.recv(HEADER.size + 65536)
-        if not packet:
-            return None, b""
-        magic, kind, _flags, _ident, length = HEADER.unpack_from(packet)
-        if magic != MAGIC or length != len(packet) - HEADER.size:
-            sys.exit("bad frame")
-        return kind, packet[HEADER.size:]
+def receive(conn):
+    packet = conn.recv(HEADER.size + 65536)
+    if not packet:
+        sys.exit("pipe ended early")
+    magic, kind, _flags, _ident, length = HEADER.unpack_from(packet)
+    if magic != MAGIC or length != len(packet) - HEADER.size:
+        sys.exit("bad frame")
+    return kind, packet[HEADER.size:]
 
 
 def owner(out_path):
-    listener = socket.socket(fileno=int(os.environ["TUBIX_LISTEN_FD"]))
-    conn, _ = listener.accept()
-    pipe = Pipe(conn)
-    kind, hello = pipe.receive()
+    conn, _ = socket.socket(fileno=int(os.environ["TUBIX_LISTEN_FD"])).accept()
+    kind, hello = receive(conn)
     if kind != HELLO:
         sys.exit("no hello")
-    pipe.send(BASESERVICE_STATE_REPORT, INIT_BODY)
-    while True:
-        kind, payload = pipe.receive()
-        if kind is None:
-            sys.exit("pipe ended early")
-        if kind == REQUEST and struct.unpack_from("<I", payload)[0] == REPORT_APP_STATE and b"#STAVIK#" in payload:
-            break
-    pipe.send(BASESERVICE_STATE_REPORT, RUNNING_BODY)
+    send(conn, 1, BASESERVICE_STATE_REPORT, INIT_BODY)
+    kind, payload = receive(conn)
+    while not (kind == REQUEST and struct.unpack_from("<I", payload)[0] == REPORT_APP_STATE and b"#STAVIK#" in payload):
+        kind, payload = receive(conn)
+    send(conn, 2, BASESERVICE_STATE_REPORT, RUNNING_BODY)
     with open(out_path + ".tmp", "w") as out:
         out.write("hello=%s\nreport=STAVIK\n" % hello.decode())
     os.rename(out_path + ".tmp", out_path)
-    while pipe.receive()[0] is not None:
+    while conn.recv(HEADER.size + 65536):
         pass
 
 
@@ -76,7 +66,7 @@ def squat(path):
     while True:
         conn, _ = listener.accept()
         try:
-            Pipe(conn).send(BASESERVICE_STATE_REPORT, RUNNING_BODY)
+            send(conn, 1, BASESERVICE_STATE_REPORT, RUNNING_BODY)
         except OSError:
             pass
 

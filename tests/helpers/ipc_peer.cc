@@ -9,7 +9,6 @@
 //   "flush"                  answered "flushed", then every held request, newest first
 //   "push N"                 sends N sequence messages back on the connection
 //   "close"                  closes the connection from another thread
-//   "stall"                  blocks the connection's callbacks for good
 //   anything else            echoed
 // The library releases a disconnected client. Exit status 0 means every check held.
 #include <signal.h>
@@ -127,10 +126,6 @@ void ServeRequest(int32_t fd, const TubixRequest* req)
                 _exit(3);
             }
         }).detach();
-    } else if (text == "stall") {
-        while (true) {
-            IpcShared::SleepMs(1000);
-        }
     } else {
         TubixSendResponse(fd, TubixResponse{req->id, const_cast<void*>(req->data), req->size});
     }

@@ -1,16 +1,14 @@
 // A child for the tests: records what it was given, then lives, exits or
 // crashes as told.
 //   probe_child [--out FILE] [--out-dir DIR] [--exit CODE] [--after-ms N]
-//               [--signal SIG] [--no-core] [--die-while FILE] [--ignore-term]
-//               [--sleep-forever] [--threads N]
+//               [--signal SIG] [--no-core] [--ignore-term] [--threads N]
 // The record holds one "key=value" line each: uid, gid, groups, nice, policy,
 // rtprio (the RLIMIT_RTPRIO soft limit), pid, ppid, boottime_ns (start, on
 // CLOCK_BOOTTIME), argv, env.NAME for every variable, and fd.N for every
 // descriptor it was given (its target). --out-dir writes it
 // to DIR/<pid>, so that every incarnation of a restarted service keeps its own.
 // A planned death (--exit or --signal) appends exit_boottime_ns just before it
-// happens. --die-while makes that death conditional on FILE existing at the
-// start; otherwise the child lives on. --no-core keeps a fatal signal from
+// happens. --no-core keeps a fatal signal from
 // writing a core file. --threads starts N more threads that only wait, named
 // "probe_worker", before the record is written.
 #include <dirent.h>
@@ -38,7 +36,6 @@ namespace {
 
 struct Plan {
     std::string out;
-    const char* dieWhile = nullptr;
     int exitCode = -1;
     long afterMs = 0;
     int signal = 0;
@@ -57,8 +54,6 @@ Plan ReadPlan(int argc, char* argv[])
             plan.out = argv[++i];
         } else if (word == "--out-dir" && hasValue) {
             plan.out = std::string(argv[++i]) + "/" + std::to_string(getpid());
-        } else if (word == "--die-while" && hasValue) {
-            plan.dieWhile = argv[++i];
         } else if (word == "--no-core") {
             plan.noCore = true;
         } else if (word == "--exit" && hasValue) {
@@ -213,11 +208,10 @@ int main(int argc, char* argv[])
     if (!plan.out.empty()) {
         WriteRecord(plan.out, argc, argv);
     }
-    bool mayDie = plan.dieWhile == nullptr || access(plan.dieWhile, F_OK) == 0;
-    if (plan.afterMs > 0 && mayDie) {
+    if (plan.afterMs > 0) {
         SleepMs(plan.afterMs);
     }
-    if (plan.signal != 0 && mayDie) {
+    if (plan.signal != 0) {
         if (plan.noCore) {
             PreventCore();
         }
@@ -225,7 +219,7 @@ int main(int argc, char* argv[])
         signal(plan.signal, SIG_DFL);
         raise(plan.signal);
     }
-    if (plan.exitCode >= 0 && mayDie) {
+    if (plan.exitCode >= 0) {
         NoteDeath(plan.out);
         return plan.exitCode;
     }

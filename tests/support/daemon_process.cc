@@ -33,23 +33,25 @@ std::string LogText(const std::string& line)
     return std::regex_search(line, match, prefix) ? match.suffix().str() : line;
 }
 
+namespace {
+
 // The daemon in this sandbox: its root, its IPC directory, a log copy to stderr.
-DaemonProcess::DaemonProcess(const Sandbox& sandbox, const std::vector<std::string>& args,
-                             const std::map<std::string, std::string>& extraEnv)
+std::map<std::string, std::string> DaemonEnv(const Sandbox& sandbox, std::map<std::string, std::string> env)
 {
-    std::map<std::string, std::string> env = extraEnv;
     env.insert({{"STAVIK_SYSROOT", sandbox.Root()}, {"STAVIK_LOG_STDERR", "1"}, {"TUBIX_DIR", sandbox.TubixDir()}});
-    Start(BuiltProgram("stavik-daemon"), args, env);
+    return env;
+}
+
+} // namespace
+
+DaemonProcess::DaemonProcess(const Sandbox& sandbox, const std::vector<std::string>& args,
+                             std::map<std::string, std::string> extraEnv)
+    : DaemonProcess(BuiltProgram("stavik-daemon"), args, DaemonEnv(sandbox, std::move(extraEnv)))
+{
 }
 
 DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::string>& args,
                              const std::map<std::string, std::string>& env)
-{
-    Start(program, args, env);
-}
-
-void DaemonProcess::Start(const std::string& program, const std::vector<std::string>& args,
-                          const std::map<std::string, std::string>& env)
 {
     int output[2];
     if (pipe2(output, O_CLOEXEC) != 0) {

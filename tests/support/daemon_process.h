@@ -35,7 +35,7 @@ struct StartLine {
 class DaemonProcess {
 public:
     DaemonProcess(const Sandbox& sandbox, const std::vector<std::string>& args,
-                  const std::map<std::string, std::string>& extraEnv = {});
+                  std::map<std::string, std::string> extraEnv = {});
     DaemonProcess(const std::string& program, const std::vector<std::string>& args,
                   const std::map<std::string, std::string>& env);
     ~DaemonProcess();
@@ -64,8 +64,6 @@ public:
     void KillGroup();
 
 private:
-    void Start(const std::string& program, const std::vector<std::string>& args,
-               const std::map<std::string, std::string>& env);
     void ReadOutput(int fd);
     long Find(const std::function<bool(const std::string&)>& match, size_t n) const;
     size_t Count(const std::function<bool(const std::string&)>& match) const;

@@ -1,27 +1,16 @@
 #include "tests/support/played_owners.h"
 
-#include <dirent.h>
+#include <sched.h>
+#include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 
 namespace Stavik {
 namespace Test {
-namespace {
-
-// The state letter and the parent of a process: the fields behind the
-// command name, which may hold blanks.
-bool ReadStat(const std::string& pidText, char& state, pid_t& ppid)
-{
-    std::string stat = ReadWholeFile("/proc/" + pidText + "/stat");
-    size_t close = stat.rfind(')');
-    std::istringstream rest(close == std::string::npos ? "" : stat.substr(close + 1));
-    return static_cast<bool>(rest >> state >> ppid);
-}
-
-} // namespace
-
 PlayedOwners::PlayedOwners(const Sandbox& sandbox, const std::vector<std::string>& names)
 {
     setenv("TUBIX_DIR", sandbox.TubixDir().c_str(), 1);
@@ -60,10 +49,8 @@ std::vector<Message::AppStateInfo> EntriesOf(const OwnerSession& owner, const st
 
 std::vector<uint32_t> StatesOf(const std::vector<Message::AppStateInfo>& entries)
 {
-    std::vector<uint32_t> states;
-    for (const Message::AppStateInfo& entry : entries) {
-        states.push_back(entry.state);
-    }
+    std::vector<uint32_t> states(entries.size());
+    std::transform(entries.begin(), entries.end(), states.begin(), [](const auto& entry) { return entry.state; });
     return states;
 }
 
@@ -90,28 +77,61 @@ bool IgnoresSignal(pid_t pid, int signal)
 
 char ProcessState(pid_t pid)
 {
-    char state = 0;
-    pid_t ppid = 0;
-    return ReadStat(std::to_string(pid), state, ppid) ? state : 0;
+    // The state letter follows the command name, which may hold blanks.
+    std::string stat = ReadWholeFile("/proc/" + std::to_string(pid) + "/stat");
+    size_t close = stat.rfind(')');
+    return close == std::string::npos || close + 2 >= stat.size() ? 0 : stat[close + 2];
 }
 
-std::map<pid_t, char> ChildrenOf(pid_t parent)
+std::vector<uint32_t> UsableCpus()
 {
-    std::map<pid_t, char> children;
-    DIR* proc = opendir("/proc");
-    while (struct dirent* entry = proc == nullptr ? nullptr : readdir(proc)) {
-        char* end = nullptr;
-        long pid = strtol(entry->d_name, &end, 10);
-        char state = 0;
-        pid_t ppid = 0;
-        if (pid > 0 && *end == '\0' && ReadStat(entry->d_name, state, ppid) && ppid == parent) {
-            children[static_cast<pid_t>(pid)] = state;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    sched_getaffinity(0, sizeof(set), &set);
+    std::vector<uint32_t> cpus;
+    for (uint32_t cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(cpu, &set)) {
+            cpus.push_back(cpu);
         }
     }
-    if (proc != nullptr) {
-        closedir(proc);
+    return cpus;
+}
+
+std::string AllowedList(pid_t pid, pid_t tid)
+{
+    std::istringstream in(ReadWholeFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status"));
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("Cpus_allowed_list:", 0) == 0) {
+            return line.substr(line.find_first_not_of(" \t", 18));
+        }
     }
-    return children;
+    return "";
+}
+
+std::map<int32_t, uint32_t> GroupMembers(const Sandbox& sandbox, const std::string& group)
+{
+    std::map<int32_t, uint32_t> found;
+    std::istringstream in(ReadWholeFile(sandbox.TubixDir() + "/hal/groups/" + group));
+    int32_t pid = 0;
+    uint32_t word = 0;
+    for (std::string line; std::getline(in, line);) {
+        if (sscanf(line.c_str(), "member=%d %u", &pid, &word) == 2) {
+            found[pid] = word;
+        }
+    }
+    return found;
+}
+
+std::pair<int, std::string> RunCommand(const std::string& commandLine)
+{
+    FILE* out = popen(commandLine.c_str(), "r");
+    std::string text;
+    char buffer[4096];
+    while (out != nullptr && fgets(buffer, sizeof(buffer), out) != nullptr) {
+        text += buffer;
+    }
+    int status = out != nullptr ? pclose(out) : -1;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
 }
 
 } // namespace Test

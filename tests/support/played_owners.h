@@ -55,8 +55,14 @@ bool ProcessAlive(pid_t pid);
 bool IgnoresSignal(pid_t pid, int signal);
 // The state letter of /proc/<pid>/stat, 0 when the process is gone.
 char ProcessState(pid_t pid);
-// Children of a process as /proc shows them: pid to state letter.
-std::map<pid_t, char> ChildrenOf(pid_t parent);
+// The CPUs this process may use, in order.
+std::vector<uint32_t> UsableCpus();
+// Cpus_allowed_list of a thread, "" when it is gone.
+std::string AllowedList(pid_t pid, pid_t tid);
+// pid to permission word, from the host library's file of a sharepool group.
+std::map<int32_t, uint32_t> GroupMembers(const Sandbox& sandbox, const std::string& group);
+// Exit status and standard output of a shell command line.
+std::pair<int, std::string> RunCommand(const std::string& commandLine);
 
 } // namespace Test
 } // namespace Stavik

@@ -1,55 +1,34 @@
 #include "tests/support/service_manifest.h"
 
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 namespace Stavik {
 namespace Test {
 namespace {
 
-// Double-quoted YAML scalar, so that tokens like "&&", "$(x)", patterns like
-// "${a*}" and JSON texts reach the daemon as they are.
-std::string Quoted(const std::string& text)
-{
-    std::string out = "\"";
-    for (char c : text) {
-        out += (c == '"' || c == '\\') ? std::string("\\") + c : std::string(1, c);
-    }
-    return out + "\"";
-}
-
-std::string QuotedList(const std::vector<std::string>& items)
-{
-    std::string out;
-    for (const std::string& item : items) {
-        out += (out.empty() ? "" : ", ") + Quoted(item);
-    }
-    return "[" + out + "]";
-}
-
-std::string QuotedMap(const std::map<std::string, std::string>& values)
-{
-    std::string out;
-    for (const auto& entry : values) {
-        out += (out.empty() ? "" : ", ") + Quoted(entry.first) + ": " + Quoted(entry.second);
-    }
-    return "{" + out + "}";
-}
-
+// Values go in their JSON form, which YAML reads as double-quoted scalars and
+// flow collections: tokens like "&&", "$(x)" and patterns like "${a*}" reach
+// the daemon as they are.
 std::string EntryText(const AppEntry& entry)
 {
-    std::vector<std::pair<std::string, std::string>> keys = {
-        {"bin_path", entry.binPath.empty() ? "" : Quoted(entry.binPath)},
-        {"args", entry.args.empty() ? "" : QuotedList(entry.args)},
-        {"env", entry.env.empty() ? "" : QuotedMap(entry.env)},
-        {"uid", entry.uid == 0 ? "" : std::to_string(entry.uid)},
-        {"gid", entry.gid == 0 ? "" : std::to_string(entry.gid)},
-        {"depends", entry.depends.empty() ? "" : QuotedList(entry.depends)},
-        {"startup_entry_path", entry.startupEntryPath.empty() ? "" : Quoted(entry.startupEntryPath)},
+    std::vector<std::pair<std::string, std::string>> keys = {{"name", nlohmann::json(entry.name).dump()}};
+    auto add = [&keys](const char* key, bool absent, const nlohmann::json& value) {
+        if (!absent) {
+            keys.emplace_back(key, value.dump());
+        }
     };
+    add("bin_path", entry.binPath.empty(), entry.binPath);
+    add("args", entry.args.empty(), entry.args);
+    add("env", entry.env.empty(), entry.env);
+    add("uid", entry.uid == 0, entry.uid);
+    add("gid", entry.gid == 0, entry.gid);
+    add("depends", entry.depends.empty(), entry.depends);
+    add("startup_entry_path", entry.startupEntryPath.empty(), entry.startupEntryPath);
     keys.insert(keys.end(), entry.more.begin(), entry.more.end());
-    std::string text = "  - name: " + Quoted(entry.name) + "\n";
+    std::string text;
     for (const auto& key : keys) {
-        text += key.second.empty() ? "" : "    " + key.first + ": " + key.second + "\n";
+        text += (text.empty() ? "  - " : "    ") + key.first + ": " + key.second + "\n";
     }
     return text;
 }

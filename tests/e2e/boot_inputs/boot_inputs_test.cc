@@ -23,18 +23,13 @@ const std::string ENV_FILE = "/etc/ostrel_common_env.conf";
 // "soft hard" of the locked-memory row of a process's limits.
 std::string LockedMemory(pid_t pid)
 {
-    std::istringstream limits(ReadWholeFile("/proc/" + std::to_string(pid) + "/limits"));
-    std::string line;
-    while (std::getline(limits, line)) {
-        if (line.rfind("Max locked memory", 0) == 0) {
-            std::istringstream fields(line.substr(17));
-            std::string soft;
-            std::string hard;
-            fields >> soft >> hard;
-            return soft + " " + hard;
-        }
-    }
-    return "";
+    std::string limits = ReadWholeFile("/proc/" + std::to_string(pid) + "/limits");
+    size_t at = limits.find("Max locked memory");
+    std::istringstream fields(at == std::string::npos ? "" : limits.substr(at + 17));
+    std::string soft;
+    std::string hard;
+    fields >> soft >> hard;
+    return soft + " " + hard;
 }
 
 // Raising the hard limit needs CAP_SYS_RESOURCE, which a container may lack:
@@ -53,13 +48,7 @@ std::string UnlimitedAsSeen()
 
 std::string Digest(const std::string& path)
 {
-    FILE* tool = popen(("sha256sum '" + path + "'").c_str(), "r");
-    char text[65] = {0};
-    bool read = tool != nullptr && fgets(text, sizeof(text), tool) != nullptr;
-    if (tool != nullptr) {
-        pclose(tool);
-    }
-    return read ? text : "";
+    return RunCommand("sha256sum '" + path + "'").second.substr(0, 64);
 }
 
 struct BootCase {

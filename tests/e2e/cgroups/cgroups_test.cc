@@ -19,20 +19,6 @@ namespace {
 const std::string CG = "/sys/fs/cgroup/";
 const int CHILD_WAIT_MS = 10000;
 
-std::vector<uint32_t> UsableCpus()
-{
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    sched_getaffinity(0, sizeof(set), &set);
-    std::vector<uint32_t> cpus;
-    for (uint32_t cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-        if (CPU_ISSET(cpu, &set)) {
-            cpus.push_back(cpu);
-        }
-    }
-    return cpus;
-}
-
 // Plain numbers: the list form the daemon reads whole whatever the core numbers.
 std::string CpuList(const std::vector<uint32_t>& cpus)
 {
@@ -41,18 +27,6 @@ std::string CpuList(const std::vector<uint32_t>& cpus)
         text += (text.empty() ? "" : ",") + std::to_string(cpu);
     }
     return text;
-}
-
-std::string AllowedList(uint32_t pid, uint32_t tid)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("Cpus_allowed_list:", 0) == 0) {
-            return line.substr(line.find_first_not_of(" \t", 18));
-        }
-    }
-    return "";
 }
 
 // The ids of a tasks file, each as often as it was appended.
@@ -82,9 +56,11 @@ AppEntry Bound(const std::string& name, uint32_t cpu)
     return ProbeApp(name).With("core_affinity", "[" + std::to_string(cpu) + "]");
 }
 
-// One ordinary start: each child in exactly the tasks files its manifest
-// names, missing ones told in list order, children bound to their cores.
-TEST(CgroupRun, ChildrenAndDaemonThreadsArePlacedAndBound)
+// Each child in exactly the tasks files its manifest names, missing ones told
+// in list order, children bound to their cores. The start is a quick one: a
+// priority application runs unplaced until the continue point; then it and
+// each of its threads join its groups and its core.
+TEST(CgroupRun, ChildrenPriorityAppsAndDaemonThreadsArePlacedAndBound)
 {
     Sandbox box;
     const std::vector<uint32_t> cpus = UsableCpus();
@@ -92,10 +68,27 @@ TEST(CgroupRun, ChildrenAndDaemonThreadsArePlacedAndBound)
     MakeTree(box, cpus);
     AppEntry placed = ProbeApp("placed").With("res_group", "grpA").With("cpuset", "CtrlCPU").With("blkio_group", "io1")
                           .With("cgroup_path", "{pids: p1, net_cls: missing, freezer: a..b}");
+    AppEntry prio = Bound("prio", cpus.front()).With("res_group", "grpA").With("startup_priority", "1");
+    prio.args = {"--threads", "2"};
+    AppEntry zul = ProbeApp("zulmgr");
+    zul.startupEntryPath = box.WriteFile("/etc/startup/zulmgr.yaml", AppsText({prio}));
     std::string manifest = box.WriteFile(
         "/etc/base.yaml",
-        AppsText({placed, Bound("first", cpus.front()), Bound("last", cpus.back()), Bound("outside", 1023)}));
-    DaemonProcess daemon(box, {manifest});
+        AppsText({placed, Bound("first", cpus.front()), Bound("last", cpus.back()), Bound("outside", 1023), zul}));
+    DaemonProcess daemon(box, {manifest, "true"});
+    ASSERT_FALSE(daemon.WaitForLine("InitPriorityApps start priority apps finish", CHILD_WAIT_MS).empty())
+        << daemon.Log();
+    std::vector<StartLine> starts = daemon.Starts("Start priority generalApp success");
+    ASSERT_EQ(1u, starts.size()) << daemon.Log();
+    const uint32_t prioPid = static_cast<uint32_t>(starts[0].pid);
+    // The main thread and its two workers; a sanitizer's runtime may add one of its own.
+    std::set<uint32_t> tids;
+    ASSERT_TRUE(WaitUntil([&] {
+        tids.clear();
+        return CoreAffinityMgr::GetTids(prioPid, tids) && tids.size() >= 3;
+    }, CHILD_WAIT_MS));
+    EXPECT_TRUE(TasksIds(box, "cpu/grpA").empty());
+    daemon.Signal(SIGCONT);
     ASSERT_FALSE(daemon.WaitForLine("Start baseApp success appName=placed", CHILD_WAIT_MS).empty()) << daemon.Log();
     ASSERT_FALSE(daemon.WaitForLine("Start baseApp success appName=last", CHILD_WAIT_MS).empty()) << daemon.Log();
     const uint32_t pid = static_cast<uint32_t>(daemon.StartedPids("placed").at(0));
@@ -134,42 +127,13 @@ TEST(CgroupRun, ChildrenAndDaemonThreadsArePlacedAndBound)
     EXPECT_EQ(other, TasksIds(box, "memory/OTHER"));
     EXPECT_GE(daemon.IndexOf("hostCpuSwitch=1, BlkIoSwitch=1, BufferIoSwitch=1, isCfgOk=1"), 0) << daemon.Log();
     EXPECT_GE(daemon.IndexOf("STAVIK: CgroupMgr cfg: policy HOST_CPU_SET=grpA:50;"), 0) << daemon.Log();
-}
-
-// A priority application of a quick start runs unplaced until the continue
-// point; then it and each of its threads join its groups and its core.
-TEST(CgroupRun, QuickStartPriorityAppIsPlacedAtTheContinuePoint)
-{
-    Sandbox box;
-    const std::vector<uint32_t> cpus = UsableCpus();
-    ASSERT_FALSE(cpus.empty());
-    MakeTree(box, cpus);
-    AppEntry prio = Bound("prio", cpus.front()).With("res_group", "grpA").With("startup_priority", "1");
-    prio.args = {"--threads", "2"};
-    AppEntry zul = ProbeApp("zulmgr");
-    zul.startupEntryPath = box.WriteFile("/etc/startup/zulmgr.yaml", AppsText({prio}));
-    DaemonProcess daemon(box, {box.WriteFile("/etc/base.yaml", AppsText({zul})), "true"});
-    ASSERT_FALSE(daemon.WaitForLine("InitPriorityApps start priority apps finish", CHILD_WAIT_MS).empty())
-        << daemon.Log();
-    std::vector<StartLine> starts = daemon.Starts("Start priority generalApp success");
-    ASSERT_EQ(1u, starts.size()) << daemon.Log();
-    const uint32_t pid = static_cast<uint32_t>(starts[0].pid);
-    // The main thread and its two workers; a sanitizer's runtime may add one of its own.
-    std::set<uint32_t> tids;
-    ASSERT_TRUE(WaitUntil([&] {
-        tids.clear();
-        return CoreAffinityMgr::GetTids(pid, tids) && tids.size() >= 3;
-    }, CHILD_WAIT_MS));
-    EXPECT_TRUE(TasksIds(box, "cpu/grpA").empty());
-
-    daemon.Signal(SIGCONT);
     ASSERT_FALSE(daemon.WaitForLine("ContinueStavikInit success", CHILD_WAIT_MS).empty()) << daemon.Log();
     for (uint32_t tid : tids) {
         for (const std::string group : {"cpu/grpA", "memory/grpA", "cpuset/CtrlCPU"}) {
             EXPECT_LE(1u, TasksIds(box, group).count(tid)) << group << " " << tid;
         }
         EXPECT_EQ(0u, TasksIds(box, "cpu/OTHER").count(tid));
-        EXPECT_EQ(std::to_string(cpus.front()), AllowedList(pid, tid)) << tid;
+        EXPECT_EQ(std::to_string(cpus.front()), AllowedList(prioPid, tid)) << tid;
     }
 }
 

@@ -138,6 +138,13 @@ bool ControlRun::Term(const std::string& owner, const std::vector<std::string>& 
     return Owner(owner).SendTerm(apps);
 }
 
+std::optional<Message::AppStateInfo> ControlRun::Ask(Request request, const std::string& owner, const std::string& app,
+                                                     ReportAppStateType state)
+{
+    size_t mark = Mark(owner);
+    return request(owner, {app}) ? Await(owner, app, state, mark) : std::nullopt;
+}
+
 // The log arrives through a pipe of its own, behind the reports: a line that
 // the daemon writes now is read after all that it wrote before.
 size_t ControlRun::Count(const std::string& text)
@@ -150,23 +157,14 @@ size_t ControlRun::Count(const std::string& text)
 
 pid_t ControlRun::StartRunning(const std::string& owner, const std::string& app)
 {
-    size_t mark = Mark(owner);
-    std::optional<Message::AppStateInfo> running;
-    if (Start(owner, {app})) {
-        running = Await(owner, app, RUNNING_NORMAL_START, mark);
-    }
+    std::optional<Message::AppStateInfo> running = Ask(&Start, owner, app, RUNNING_NORMAL_START);
     return running ? static_cast<pid_t>(running->pid) : 0;
 }
 
 pid_t ControlRun::StartStubborn(const std::string& owner, const std::string& app)
 {
     pid_t pid = StartRunning(owner, app);
-    return pid > 0 && WaitUntilIgnoringTerm(pid) ? pid : 0;
-}
-
-bool ControlRun::WaitUntilIgnoringTerm(pid_t pid)
-{
-    return WaitUntil([&] { return IgnoresSignal(pid, SIGTERM); }, OWNER_WAIT_MS);
+    return pid > 0 && WaitUntil([&] { return IgnoresSignal(pid, SIGTERM); }, OWNER_WAIT_MS) ? pid : 0;
 }
 
 std::vector<Message::AppStateInfo> ControlRun::AwaitEntries(const std::string& owner, const std::string& app,

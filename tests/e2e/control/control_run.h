@@ -33,6 +33,10 @@ public:
     static bool Start(const std::string& owner, const std::vector<std::string>& apps);
     static bool Restart(const std::string& owner, const std::vector<std::string>& apps);
     static bool Term(const std::string& owner, const std::vector<std::string>& apps);
+    using Request = bool (*)(const std::string& owner, const std::vector<std::string>& apps);
+    // Sends one request for app and waits for the entry in `state` that follows it.
+    static std::optional<Message::AppStateInfo> Ask(Request request, const std::string& owner, const std::string& app,
+                                                    ReportAppStateType state);
     static bool WaitForExact(const std::string& text) { return daemon_->WaitForExact(text); }
     // Lines whose text is exactly `text`, counted once every line the daemon
     // wrote before this call has been read.
@@ -42,7 +46,6 @@ public:
     // The same for a process that ignores SIGTERM, once it has got that far:
     // a RUNNING report may come before the new program has set it up.
     static pid_t StartStubborn(const std::string& owner, const std::string& app);
-    static bool WaitUntilIgnoringTerm(pid_t pid);
     // The entries of app that reached owner since mark, once there are `count` of them or the wait is over.
     static std::vector<Message::AppStateInfo> AwaitEntries(const std::string& owner, const std::string& app,
                                                           size_t count, size_t mark);

@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <numeric>
 #include <set>
 #include <utility>
 
@@ -52,15 +53,6 @@ std::vector<std::vector<std::string>> RecordsWithPrefix(const OwnerSession& owne
     return records;
 }
 
-size_t PieceCount(const std::vector<std::vector<std::string>>& records)
-{
-    size_t count = 0;
-    for (const std::vector<std::string>& record : records) {
-        count += record.size();
-    }
-    return count;
-}
-
 // The index of the first REPORT event since mark that carries app in `state`, or -1.
 long ReportIndex(const OwnerSession& owner, const std::string& app, uint32_t state, size_t mark)
 {
@@ -76,15 +68,12 @@ long ReportIndex(const OwnerSession& owner, const std::string& app, uint32_t sta
 std::optional<Message::AppDetailStatusMap> Query(OwnerSession& owner, const std::vector<std::string>& apps)
 {
     size_t mark = owner.EventCount();
-    if (!owner.SendQuery(apps)) {
-        return std::nullopt;
+    auto isDetail = [](const OwnerEvent& event) { return event.kind == OwnerEvent::Kind::DETAIL; };
+    std::optional<OwnerEvent> answer;
+    if (owner.SendQuery(apps)) {
+        answer = owner.WaitFor(isDetail, OWNER_WAIT_MS, mark);
     }
-    std::optional<OwnerEvent> answer = owner.WaitFor(
-        [](const OwnerEvent& event) { return event.kind == OwnerEvent::Kind::DETAIL; }, OWNER_WAIT_MS, mark);
-    if (!answer) {
-        return std::nullopt;
-    }
-    return answer->detail;
+    return answer ? std::optional<Message::AppDetailStatusMap>(answer->detail) : std::nullopt;
 }
 
 TEST_F(ControlRun, StartupFilesAreLoadedOnRequestFromTheOwnersOwnEntry)
@@ -190,19 +179,20 @@ TEST_F(ControlRun, ManyChangesArriveAsSeveralRecordsSortedByLength)
 
     for (const auto& receiver : {std::make_pair("owner_b", mark), std::make_pair("zulmgr", zulMark)}) {
         const OwnerSession& owner = Owner(receiver.first);
-        WaitUntil([&] { return PieceCount(RecordsWithPrefix(owner, "gone_", receiver.second)) >= names.size(); },
-                  OWNER_WAIT_MS);
-        std::vector<std::vector<std::string>> records = RecordsWithPrefix(owner, "gone_", receiver.second);
-        ASSERT_EQ(names.size(), PieceCount(records)) << receiver.first;
-        EXPECT_GE(records.size(), 2u) << receiver.first;
+        std::vector<std::vector<std::string>> records;
         std::vector<std::string> all;
-        for (const std::vector<std::string>& record : records) {
-            size_t bytes = 0;
-            for (const std::string& piece : record) {
-                bytes += piece.size();
+        WaitUntil([&] {
+            records = RecordsWithPrefix(owner, "gone_", receiver.second);
+            all.clear();
+            for (const std::vector<std::string>& record : records) {
+                all.insert(all.end(), record.begin(), record.end());
             }
-            EXPECT_LE(bytes, RECORD_PIECES_MAX) << receiver.first;
-            all.insert(all.end(), record.begin(), record.end());
+            return all.size() >= names.size();
+        }, OWNER_WAIT_MS);
+        ASSERT_EQ(names.size(), all.size()) << receiver.first;
+        EXPECT_GE(records.size(), 2u) << receiver.first;
+        for (const std::vector<std::string>& record : records) {
+            EXPECT_LE(std::accumulate(record.begin(), record.end(), std::string()).size(), RECORD_PIECES_MAX);
         }
         EXPECT_TRUE(std::is_sorted(all.begin(), all.end(), ShorterFirst)) << receiver.first;
         EXPECT_EQ(names.size(), std::set<std::string>(all.begin(), all.end()).size()) << receiver.first;

@@ -2,6 +2,8 @@
 // outside, checked by what the owners are told. Cells that can't be hit from
 // outside (INITSTATE in the live map, TERMINATED before its removal, STARTING)
 // belong to the in-process tests of the handlers.
+#include <signal.h>
+
 #include <chrono>
 
 #include "tests/e2e/control/control_run.h"
@@ -47,37 +49,27 @@ TEST_F(ControlRun, RequestsOnAbsentRunningAndRemovedRecords)
     ASSERT_GT(first, 0) << Daemon().Log();
 
     // RUNNING: a start is answered at once with the running process.
-    size_t mark = Mark(B);
-    ASSERT_TRUE(Start(B, {app}));
-    std::optional<Message::AppStateInfo> again = Await(B, app, RUNNING_NORMAL_START, mark);
+    std::optional<Message::AppStateInfo> again = Ask(&Start, B, app, RUNNING_NORMAL_START);
     ASSERT_TRUE(again.has_value());
     EXPECT_EQ(static_cast<uint32_t>(first), again->pid);
     EXPECT_EQ(1u, Count("STAVIK : StartApp : appName=t_plain, pid=" + Pid(first) + " is already running"));
 
     // RUNNING: a term ends it through SIGTERM; the record then leaves the live map.
-    mark = Mark(B);
-    ASSERT_TRUE(Term(B, {app}));
-    std::optional<Message::AppStateInfo> ended = Await(B, app, TERMINATED_NORMAL_EXIT, mark);
+    std::optional<Message::AppStateInfo> ended = Ask(&Term, B, app, TERMINATED_NORMAL_EXIT);
     ASSERT_TRUE(ended.has_value());
     EXPECT_EQ(static_cast<uint32_t>(first), ended->pid);
     ASSERT_TRUE(WaitForRemovals(app, 1));
 
     // Absent: a term counts as done, a restart starts a new process.
-    mark = Mark(B);
-    ASSERT_TRUE(Term(B, {app}));
-    std::optional<Message::AppStateInfo> gone = Await(B, app, TERMINATED_NORMAL_EXIT, mark);
+    std::optional<Message::AppStateInfo> gone = Ask(&Term, B, app, TERMINATED_NORMAL_EXIT);
     ASSERT_TRUE(gone.has_value());
     EXPECT_TRUE(WaitForExact("STAVIK : TermGeneralApp:app=t_plain is already terminated and removed"));
-    mark = Mark(B);
-    ASSERT_TRUE(Restart(B, {app}));
-    std::optional<Message::AppStateInfo> restarted = Await(B, app, RUNNING_NORMAL_RESTART, mark);
+    std::optional<Message::AppStateInfo> restarted = Ask(&Restart, B, app, RUNNING_NORMAL_RESTART);
     ASSERT_TRUE(restarted.has_value());
     EXPECT_NE(static_cast<uint32_t>(first), restarted->pid);
 
     // RUNNING: a restart terms the process and starts the next one.
-    mark = Mark(B);
-    ASSERT_TRUE(Restart(B, {app}));
-    std::optional<Message::AppStateInfo> replaced = Await(B, app, RUNNING_NORMAL_RESTART, mark);
+    std::optional<Message::AppStateInfo> replaced = Ask(&Restart, B, app, RUNNING_NORMAL_RESTART);
     ASSERT_TRUE(replaced.has_value());
     EXPECT_NE(restarted->pid, replaced->pid);
     EXPECT_TRUE(WaitUntil([&] { return !ProcessAlive(static_cast<pid_t>(restarted->pid)); }, OWNER_WAIT_MS));
@@ -146,10 +138,8 @@ TEST_F(ControlRun, ForceTermKillsAStubbornProcessOnceAtTheTimeOut)
 {
     pid_t pid = StartStubborn(B, "t_force");
     ASSERT_GT(pid, 0) << Daemon().Log();
-    size_t mark = Mark(B);
     auto sent = std::chrono::steady_clock::now();
-    ASSERT_TRUE(Term(B, {"t_force"}));
-    std::optional<Message::AppStateInfo> ended = Await(B, "t_force", TERMINATED_NORMAL_EXIT, mark);
+    std::optional<Message::AppStateInfo> ended = Ask(&Term, B, "t_force", TERMINATED_NORMAL_EXIT);
     ASSERT_TRUE(ended.has_value()) << Daemon().Log();
     EXPECT_GE(std::chrono::steady_clock::now() - sent, std::chrono::milliseconds(300));
     EXPECT_EQ(static_cast<uint32_t>(pid), ended->pid);
@@ -165,9 +155,7 @@ TEST_F(ControlRun, TermWithoutForceGivesUpWhileRestartKillsAtTheTimeOut)
 {
     pid_t first = StartStubborn(B, "t_noforce");
     ASSERT_GT(first, 0) << Daemon().Log();
-    size_t mark = Mark(B);
-    ASSERT_TRUE(Term(B, {"t_noforce"}));
-    std::optional<Message::AppStateInfo> kept = Await(B, "t_noforce", RUNNING_ABNORMAL_TERM_TIMEOUT, mark);
+    std::optional<Message::AppStateInfo> kept = Ask(&Term, B, "t_noforce", RUNNING_ABNORMAL_TERM_TIMEOUT);
     ASSERT_TRUE(kept.has_value()) << Daemon().Log();
     EXPECT_EQ(static_cast<uint32_t>(first), kept->pid);
     EXPECT_TRUE(ProcessAlive(first));
@@ -175,20 +163,16 @@ TEST_F(ControlRun, TermWithoutForceGivesUpWhileRestartKillsAtTheTimeOut)
                         Pid(first) + "TERMINATING to RUNNING"));
 
     // A restart kills at the time-out whatever the manifest says.
-    mark = Mark(B);
-    ASSERT_TRUE(Restart(B, {"t_noforce"}));
-    std::optional<Message::AppStateInfo> restarted = Await(B, "t_noforce", RUNNING_NORMAL_RESTART, mark);
+    std::optional<Message::AppStateInfo> restarted = Ask(&Restart, B, "t_noforce", RUNNING_NORMAL_RESTART);
     ASSERT_TRUE(restarted.has_value()) << Daemon().Log();
     pid_t second = static_cast<pid_t>(restarted->pid);
     EXPECT_NE(first, second);
-    ASSERT_TRUE(WaitUntilIgnoringTerm(second));
+    ASSERT_TRUE(WaitUntil([&] { return IgnoresSignal(second, SIGTERM); }, OWNER_WAIT_MS));
     EXPECT_EQ(1u, Count("STAVIK : SendSignal: Successfully kill appName=t_noforce, pid=" + Pid(first)));
     EXPECT_TRUE(WaitUntil([&] { return !ProcessAlive(first); }, OWNER_WAIT_MS));
 
     // The next plain term obeys the manifest again.
-    mark = Mark(B);
-    ASSERT_TRUE(Term(B, {"t_noforce"}));
-    std::optional<Message::AppStateInfo> keptAgain = Await(B, "t_noforce", RUNNING_ABNORMAL_TERM_TIMEOUT, mark);
+    std::optional<Message::AppStateInfo> keptAgain = Ask(&Term, B, "t_noforce", RUNNING_ABNORMAL_TERM_TIMEOUT);
     ASSERT_TRUE(keptAgain.has_value()) << Daemon().Log();
     EXPECT_EQ(static_cast<uint32_t>(second), keptAgain->pid);
     EXPECT_TRUE(ProcessAlive(second));

@@ -2,7 +2,6 @@
 // daemon's reports to it wait in the pipe's send queue instead of in the check
 // thread, so an unrelated service keeps its restart cadence, and the owner
 // hears every end, in order, once it reads again.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -39,18 +38,14 @@ unsigned long long BootNowNs()
 }
 
 // Mean time between consecutive starts of the ticker within [from, to).
-double MeanCadenceMs(const Sandbox& box, unsigned long long from, unsigned long long to)
+double MeanCadenceMs(const Sandbox& box, const DaemonProcess& daemon, unsigned long long from, unsigned long long to)
 {
     std::vector<unsigned long long> inside;
-    DIR* dir = opendir(box.Path("/out/ticker").c_str());
-    for (dirent* entry = dir == nullptr ? nullptr : readdir(dir); entry != nullptr; entry = readdir(dir)) {
-        std::string started = ReadProbeRecord(box.Path("/out/ticker/") + entry->d_name)["boottime_ns"];
+    for (pid_t pid : daemon.StartedPids("ticker")) {
+        std::string started = ReadProbeRecord(box.Path("/out/ticker/" + std::to_string(pid)))["boottime_ns"];
         if (!started.empty() && std::stoull(started) >= from && std::stoull(started) < to) {
             inside.push_back(std::stoull(started));
         }
-    }
-    if (dir != nullptr) {
-        closedir(dir);
     }
     std::sort(inside.begin(), inside.end());
     return inside.size() < 2 ? 1e9 : (inside.back() - inside.front()) / 1e6 / (inside.size() - 1);
@@ -107,7 +102,8 @@ TEST(StoppedOwner, ReportsWaitInTheQueueNotInTheCheckThread)
     // The cadence at rest, once the owner reads again and its applications are gone.
     unsigned long long restFrom = BootNowNs();
     WaitUntil([&] { return BootNowNs() > restFrom + REST_WINDOW_NS; }, 10000);
-    EXPECT_LE(MeanCadenceMs(box, stopped, resumed), MeanCadenceMs(box, restFrom, restFrom + REST_WINDOW_NS) + 50);
+    EXPECT_LE(MeanCadenceMs(box, daemon, stopped, resumed),
+              MeanCadenceMs(box, daemon, restFrom, restFrom + REST_WINDOW_NS) + 50);
 
     // Every end heard once, and the records in the order they were sent: each
     // record's entries come after all of the record before it.

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "hal.h"
 #include "tests/support/played_owners.h"
 
 namespace Stavik {
@@ -15,22 +14,6 @@ namespace Test {
 namespace {
 
 const int CHILD_WAIT_MS = 10000;
-
-// pid to permission word, as the host library answers for a group.
-std::map<int32_t, uint32_t> Members(const std::string& group)
-{
-    std::vector<HalGrpMember> members(64);
-    uint32_t length = static_cast<uint32_t>(members.size() * sizeof(HalGrpMember));
-    std::map<int32_t, uint32_t> found;
-    std::string name = group;
-    if (halGrpQuery(HAL_GRP_QUERY_MEMBERS, &name[0], static_cast<uint32_t>(name.size()), members.data(),
-                    &length) == 0) {
-        for (uint32_t i = 0; i < length / sizeof(HalGrpMember); ++i) {
-            found[members[i].pid] = members[i].permission;
-        }
-    }
-    return found;
-}
 
 std::string SharepoolEnv(pid_t pid)
 {
@@ -109,11 +92,11 @@ TEST(SharepoolRun, GroupsAreCreatedOnceAndChosenChildrenJoinAndCarryThem)
     }
     const pid_t gData = general.at("g_data");
     const pid_t gLast = general.at("g_last");
-    EXPECT_EQ((std::map<int32_t, uint32_t>{{em, 7}, {gLast, 14}}), Members("G_VIDEO"));
-    EXPECT_EQ((std::map<int32_t, uint32_t>{{em, 7}, {gData, 6}}), Members("G_AUDIO"));
+    EXPECT_EQ((std::map<int32_t, uint32_t>{{em, 7}, {gLast, 14}}), GroupMembers(box, "G_VIDEO"));
+    EXPECT_EQ((std::map<int32_t, uint32_t>{{em, 7}, {gData, 6}}), GroupMembers(box, "G_AUDIO"));
     // A group whose name stands on the administrator list takes any permission text.
-    EXPECT_EQ((std::map<int32_t, uint32_t>{{em, 7}, {gData, 2}, {gLast, 0}}), Members("G_NET"));
-    EXPECT_EQ((std::map<int32_t, uint32_t>{{em, 15}, {owner, 14}}), Members("DEFAULT_MEM_GROUP"));
+    EXPECT_EQ((std::map<int32_t, uint32_t>{{em, 7}, {gData, 2}, {gLast, 0}}), GroupMembers(box, "G_NET"));
+    EXPECT_EQ((std::map<int32_t, uint32_t>{{em, 15}, {owner, 14}}), GroupMembers(box, "DEFAULT_MEM_GROUP"));
     EXPECT_GE(daemon.IndexOf("AddSharepoolGroup CheckGroupCfg fail: pid=" + std::to_string(gData) +
                              ", appName=g_data, group=G_UNDECL, permission=ro, err=CheckSharepoolGroupCfg failed "
                              "groupName=G_UNDECL is not legal;"),
@@ -129,8 +112,9 @@ TEST(SharepoolRun, GroupsAreCreatedOnceAndChosenChildrenJoinAndCarryThem)
     EXPECT_EQ("1|" + all, SharepoolEnv(em));
     EXPECT_EQ("1|DEFAULT_MEM_GROUP", SharepoolEnv(owner));
     EXPECT_EQ("none", SharepoolEnv(plain));
-    EXPECT_EQ("1|G_AUDIO#G_NET", SharepoolEnv(gData));
-    EXPECT_EQ("1|G_VIDEO#G_NET", SharepoolEnv(gLast));
+    // Read once the children have reached exec; before it they still carry the daemon's environment.
+    EXPECT_TRUE(WaitUntil([&] { return SharepoolEnv(gData) == "1|G_AUDIO#G_NET"; })) << SharepoolEnv(gData);
+    EXPECT_TRUE(WaitUntil([&] { return SharepoolEnv(gLast) == "1|G_VIDEO#G_NET"; })) << SharepoolEnv(gLast);
     EXPECT_FALSE(daemon.WaitForLine("app=g_data,pid=" + std::to_string(gData) +
                                         ",CheckSharepoolGroupCfg failed groupName=G_UNDECL is not legal;",
                                     CHILD_WAIT_MS)

@@ -12,7 +12,6 @@ namespace Stavik {
 namespace Test {
 namespace {
 
-const char* const MARKER = "/sys/fs/cgroup/notify_sk_done";
 const std::string EMPTY_MANIFEST = "apps: []\n";
 
 // A kernel record: level in angle brackets, one blank, ident and pid, one blank.
@@ -25,7 +24,7 @@ bool AllKmsgRecordsWellFormed(const std::string& kmsg, pid_t pid, size_t& record
                                             std::regex_constants::match_continuous);
 }
 
-TEST(DaemonEntry, BadArgumentsExitWith255BeforeAnyThread)
+TEST(DaemonEntry, BadArgumentsExitWith255BeforeAnyThreadAndAnOrdinaryStartLogsToSyslogOnly)
 {
     Sandbox sandbox;
     DaemonProcess noArgument(sandbox, {});
@@ -45,6 +44,15 @@ TEST(DaemonEntry, BadArgumentsExitWith255BeforeAnyThread)
     EXPECT_EQ(0u, sandbox.ReadFile("/dev/kmsg").find("<3> STAVIK[" + std::to_string(missingPath.Pid()) +
                                                       "] Stavik: StandardizationPath failed"))
         << "with \"true\" given, even this early complaint is a kernel record";
+
+    // Any other second argument is an ordinary start: no wait, no kernel records.
+    Sandbox plain;
+    DaemonProcess daemon(plain, {plain.WriteFile("/etc/base.yaml", EMPTY_MANIFEST), "TRUE"});
+    ASSERT_NE("", daemon.WaitForLine("ContinueStavikInit success", 3000));
+    EXPECT_LT(daemon.IndexOf("is not quickstart, so not wait for continue signal"),
+              daemon.IndexOf("ContinueStavikInit success"));
+    EXPECT_FALSE(plain.Exists("/dev/kmsg"));
+    EXPECT_EQ(0u, daemon.CountLines("kmsg "));
 }
 
 TEST(DaemonEntry, QuickStartLogsToKmsgUntilContinueSignal)
@@ -70,39 +78,6 @@ TEST(DaemonEntry, QuickStartLogsToKmsgUntilContinueSignal)
     ASSERT_TRUE(std::regex_search(kmsg, stamp, std::regex(
         R"(wait success for continue startup, catch continue signal time=\[[0-9]+\.[0-9]{6}s\]\[BOOT_TRACE\]\[SK\]$)")));
     EXPECT_EQ(std::string::npos, kmsg.find("ContinueStavikInit"));
-}
-
-// The two other ends of the wait for the continue point: a quick start whose
-// marker file is there at once, and one that nothing continues; each time is
-// the last kmsg record.
-TEST(DaemonEntry, MarkerFileOrTimeOutEndsTheWaitOfAQuickStart)
-{
-    const std::string catchText = "wait success for continue startup, catch continue signal time=";
-    for (bool marker : {true, false}) {
-        SCOPED_TRACE(marker ? "marker file" : "time-out");
-        Sandbox sandbox;
-        if (marker) {
-            sandbox.WriteFile(MARKER, "");
-        }
-        DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", EMPTY_MANIFEST), "true"});
-        ASSERT_NE("", daemon.WaitForLine("ContinueStavikInit success", 30000));
-        EXPECT_TRUE(WaitUntil([&] { return !sandbox.Exists(MARKER); })) << "the file is removed in the join";
-        std::string kmsg = sandbox.ReadFile("/dev/kmsg");
-        const std::string last = marker ? catchText : "[BOOT_TRACE][SK] wait for continue startup timeout!!";
-        ASSERT_NE(std::string::npos, kmsg.find(last)) << kmsg;
-        EXPECT_EQ(kmsg.size(), kmsg.find(last) + last.size()) << "the file, not a signal, leaves the time empty";
-    }
-}
-
-TEST(DaemonEntry, OrdinaryStartPassesTheWaitAtOnceAndLogsToSyslogOnly)
-{
-    Sandbox sandbox;
-    DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", EMPTY_MANIFEST), "TRUE"});
-    ASSERT_NE("", daemon.WaitForLine("ContinueStavikInit success", 3000));
-    EXPECT_LT(daemon.IndexOf("is not quickstart, so not wait for continue signal"),
-              daemon.IndexOf("ContinueStavikInit success"));
-    EXPECT_FALSE(sandbox.Exists("/dev/kmsg"));
-    EXPECT_EQ(0u, daemon.CountLines("kmsg "));
 }
 
 } // namespace

@@ -32,29 +32,8 @@ const int GONE_BOUND_MS = 3000;
 // Exit status and the JSON line of the tool.
 std::pair<int, nlohmann::json> Upload(const std::string& args, const std::string& envPrefix = "")
 {
-    FILE* pipe = popen((envPrefix + BuiltProgram("client/stavik-upload") + " " + args + " 2>/dev/null").c_str(), "r");
-    std::string text;
-    char buffer[4096];
-    while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-        text += buffer;
-    }
-    int status = pipe != nullptr ? pclose(pipe) : -1;
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, nlohmann::json::parse(text, nullptr, false)};
-}
-
-// pid to permission word, from the host library's file of the group.
-std::map<int32_t, uint32_t> Members(const Sandbox& box, const std::string& group)
-{
-    std::map<int32_t, uint32_t> found;
-    std::istringstream in(ReadWholeFile(box.TubixDir() + "/hal/groups/" + group));
-    int32_t pid = 0;
-    uint32_t word = 0;
-    for (std::string line; std::getline(in, line);) {
-        if (sscanf(line.c_str(), "member=%d %u", &pid, &word) == 2) {
-            found[pid] = word;
-        }
-    }
-    return found;
+    auto run = RunCommand(envPrefix + BuiltProgram("client/stavik-upload") + " " + args + " 2>/dev/null");
+    return {run.first, nlohmann::json::parse(run.second, nullptr, false)};
 }
 
 // A raw record to the upload server; the answer's text, or "timeout".
@@ -116,10 +95,10 @@ TEST(UploadRun, ForeignProcessesAreAnnouncedJoinedAndWatchedUntilTheyGo)
         EXPECT_TRUE(zul.WaitForAppState(name, RUNNING_NORMAL_START, OWNER_WAIT_MS)) << name;
     }
     using Joined = std::map<int32_t, uint32_t>;
-    EXPECT_EQ((Joined{{white, RW}, {all, RW}, {list, RW}}), Members(box, "G_A"));
-    EXPECT_EQ((Joined{{white, RW}, {all, ALLOC}}), Members(box, "G_B"));
-    EXPECT_EQ((Joined{{white, RW}, {all, RW}}), Members(box, declared[declared.size() - 2]));
-    EXPECT_EQ((Joined{{white, ALLOC}, {none, ALLOC}, {all, RW}, {list, ALLOC}}), Members(box, "DEFAULT_MEM_GROUP"));
+    EXPECT_EQ((Joined{{white, RW}, {all, RW}, {list, RW}}), GroupMembers(box, "G_A"));
+    EXPECT_EQ((Joined{{white, RW}, {all, ALLOC}}), GroupMembers(box, "G_B"));
+    EXPECT_EQ((Joined{{white, RW}, {all, RW}}), GroupMembers(box, declared[declared.size() - 2]));
+    EXPECT_EQ((Joined{{white, ALLOC}, {none, ALLOC}, {all, RW}, {list, ALLOC}}), GroupMembers(box, "DEFAULT_MEM_GROUP"));
 
     // Refusals: a live upload name, and a started base application's name,
     // which still removes the stale entry of its pid. The names still come.
@@ -148,7 +127,7 @@ TEST(UploadRun, ForeignProcessesAreAnnouncedJoinedAndWatchedUntilTheyGo)
     ASSERT_TRUE(zul.WaitForAppState("up_none", TERMINATED_NORMAL_EXIT, OWNER_WAIT_MS, mark)) << daemon.Log();
     auto took = std::chrono::steady_clock::now() - before;
     EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(took).count(), GONE_BOUND_MS);
-    EXPECT_GE(daemon.IndexOf("skupload pid=" + std::to_string(none) + ", name=up_none is not existent"), 0);
+    EXPECT_NE("", daemon.WaitForLine("skupload pid=" + std::to_string(none) + ", name=up_none is not existent"));
 
     // Bad records get no answer; a good one on the same pipe still does.
     setenv("PROC_NAME", "upload_test", 1);
