@@ -79,8 +79,11 @@ void Scramble(const std::vector<pid_t>& pids)
 int ToChild[2];
 int FromChild[2];
 
-void* Waiting(void* report)
+// The threads a test starts carry a name, so that they are told from those
+// a sanitizer's runtime may add.
+void* Waiter(void* report)
 {
+    prctl(PR_SET_NAME, "waiter");
     uint32_t tid = static_cast<uint32_t>(syscall(SYS_gettid));
     if (report != nullptr && write(FromChild[1], &tid, sizeof(tid)) < 0) {
         _exit(1);
@@ -88,15 +91,6 @@ void* Waiting(void* report)
     while (true) {
         pause();
     }
-    return nullptr;
-}
-
-// The threads a test starts carry a name, so that they are told from those
-// a sanitizer's runtime may add.
-void* NamedWaiting(void* report)
-{
-    prctl(PR_SET_NAME, "waiter");
-    return Waiting(report);
 }
 
 size_t Waiters(pid_t pid)
@@ -116,8 +110,7 @@ struct SpawnedReaper {
     ~SpawnedReaper()
     {
         for (pid_t pid : pids) {
-            if (pid > 0 && waitpid(pid, nullptr, WNOHANG) == 0) {
-                kill(pid, SIGKILL);
+            if (pid > 0 && kill(pid, SIGKILL) == 0) {
                 waitpid(pid, nullptr, 0);
             }
         }
@@ -132,16 +125,16 @@ pid_t Spawn(int threads, bool onDemand = false)
 {
     pid_t pid = fork();
     pthread_t thread;
-    if (pid == 0) {
-        for (int i = 0; i < threads; ++i) {
-            pthread_create(&thread, nullptr, NamedWaiting, nullptr);
-        }
-        char byte = 0;
-        while (onDemand && read(ToChild[0], &byte, 1) == 1) {
-            SetAffinity(0, BOTH);
-            pthread_create(&thread, nullptr, NamedWaiting, &byte);
-        }
-        Waiting(nullptr);
+    for (int i = 0; pid == 0 && i < threads; ++i) {
+        pthread_create(&thread, nullptr, Waiter, nullptr);
+    }
+    char byte = 0;
+    while (pid == 0 && onDemand && read(ToChild[0], &byte, 1) == 1) {
+        SetAffinity(0, BOTH);
+        pthread_create(&thread, nullptr, Waiter, &byte);
+    }
+    while (pid == 0) {
+        pause();
     }
     return pid;
 }

@@ -8,13 +8,14 @@
 #include <string>
 
 #include "core/boot_context.h"
-#include "core/log.h"
 #include "core/stavik_daemon.h"
-#include "tests/support/daemon_process.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/app/app_test_util.h"
 
 namespace Stavik {
 namespace SupervisionTest {
+
+using AppTest::LevelOf;
 
 // One daemon object, driven step by step without Run(), over empty
 // process-wide tables, with the log captured and every fixed path inside a
@@ -24,9 +25,10 @@ protected:
     void SetUp() override
     {
         setenv("STAVIK_SYSROOT", sandbox_.Root().c_str(), 1);
+        ::Stavik::Test::MakeDirs(sandbox_.TubixDir());
         setenv("TUBIX_DIR", sandbox_.TubixDir().c_str(), 1);
+        setenv("PROC_NAME", "STAVIK", 1);
         ClearTables();
-        BootContext::Instance().enableFeatures_.clear();
         daemon_.reset(new StavikDaemon("unused.yaml"));
         LogCapture::Begin();
     }
@@ -36,21 +38,19 @@ protected:
         LogCapture::End();
         daemon_.reset();
         ClearTables();
-        BootContext::Instance().enableFeatures_.clear();
-        unsetenv("STAVIK_SYSROOT");
+        for (const char* name : {"PROC_NAME", "TUBIX_DIR", "STAVIK_SYSROOT"}) {
+            unsetenv(name);
+        }
     }
 
     static void ClearTables()
     {
-        {
-            std::lock_guard<std::mutex> lock(baseAppMutex_);
-            executedBaseApp_.clear();
-        }
-        {
-            std::lock_guard<std::mutex> lock(generalAppMutex_);
-            generalAppMap_.clear();
-        }
+        std::lock_guard<std::mutex> generalLock(generalAppMutex_);
+        std::lock_guard<std::mutex> baseLock(baseAppMutex_);
+        executedBaseApp_.clear();
+        generalAppMap_.clear();
         baseManifests_.clear();
+        BootContext::Instance().enableFeatures_.clear();
     }
 
     static ManifestData Data(const std::string& name, const std::string& restart = "")
@@ -100,17 +100,6 @@ protected:
         App::BaseAppInfo none{ApplicationManifest()};
         none.pid_ = -1;
         return none;
-    }
-
-    // Level of the first captured line holding text, or -1.
-    static int LevelOf(const std::string& text)
-    {
-        for (const CapturedLine& line : LogCapture::Lines()) {
-            if (line.text.find(text) != std::string::npos) {
-                return line.level;
-            }
-        }
-        return -1;
     }
 
     ::Stavik::Test::Sandbox sandbox_;
