@@ -149,8 +149,8 @@ TEST_F(StateMachineTest, GoodEndOfRunOnceNamingServiceAppIsNormal)
 
 TEST_F(StateMachineTest, TerminatingWaitsThenGivesUpOrKillsOnce)
 {
-    Support::SleepingChild stubborn;
-    GeneralAppInfo keep = General(TERMINATING, stubborn.Pid());
+    const pid_t stubborn = Support::SleepingChild();
+    GeneralAppInfo keep = General(TERMINATING, stubborn);
     keep.termBeginTime_ = SteadyNowNs();
     EXPECT_EQ(keep.CheckState(), TERMINATING);
     EXPECT_EQ(keep.reportState_, INVALID_INTERMEDIATE_STATE);
@@ -159,18 +159,19 @@ TEST_F(StateMachineTest, TerminatingWaitsThenGivesUpOrKillsOnce)
     EXPECT_EQ(keep.CheckState(), RUNNING);
     EXPECT_EQ(keep.reportState_, RUNNING_ABNORMAL_TERM_TIMEOUT);
     EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : term timeout and forceTerm is false, so not kill appName=sm, pid=" +
-                                      std::to_string(stubborn.Pid()) + "TERMINATING to RUNNING"));
+                                      std::to_string(stubborn) + "TERMINATING to RUNNING"));
     EXPECT_EQ(LogCapture::Count("SendSignal"), 0u);
+    Support::KillAndReap(stubborn);
 
-    Support::SleepingChild victim;
-    GeneralAppInfo force = General(TERMINATING, victim.Pid());
+    const pid_t victim = Support::SleepingChild();
+    GeneralAppInfo force = General(TERMINATING, victim);
     force.isForceTerm_ = true;
     TermTimedOut(force);
     EXPECT_EQ(force.CheckState(), TERMINATING);
     EXPECT_TRUE(force.isKillSent_);
     EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : term timeout and forceTerm is true, so kill appName=sm, pid=" +
-                                      std::to_string(victim.Pid()) + ",TERMINATING to TERMINATED"));
-    int status = victim.Reap();
+                                      std::to_string(victim) + ",TERMINATING to TERMINATED"));
+    int status = Support::ReapChild(victim);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     EXPECT_EQ(force.CheckState(), TERMINATING);
     EXPECT_EQ(LogCapture::Count("SendSignal: Successfully kill"), 1u);
@@ -286,15 +287,16 @@ TEST_F(StateMachineTest, DeadAndMeaninglessStates)
 // through the real daemon in tests/e2e/child_start.
 TEST_F(StateMachineTest, CollectedPidIsLeftAlone)
 {
-    Support::SleepingChild stranger;
-    GeneralAppInfo ended = General(RUNNING, stranger.Pid());
+    const pid_t stranger = Support::SleepingChild();
+    GeneralAppInfo ended = General(RUNNING, stranger);
     ended.SetExitStatus(0);
     EXPECT_EQ(ended.QueryStopped(), 1);
     EXPECT_TRUE(ended.TermProcess());
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : TermProcess: appName=sm, pid=" + std::to_string(stranger.Pid()) +
+    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : TermProcess: appName=sm, pid=" + std::to_string(stranger) +
                                       " has already ended, no signal sent"));
     EXPECT_EQ(LogCapture::Count("SendSignal"), 0u);
-    EXPECT_EQ(kill(stranger.Pid(), 0), 0);
+    EXPECT_EQ(kill(stranger, 0), 0);
+    Support::KillAndReap(stranger);
 }
 
 } // namespace
