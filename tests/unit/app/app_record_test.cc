@@ -66,53 +66,38 @@ TEST(AppRecord, RtPriorityAndTheCoreSentinel)
 TEST(AppRecord, UpdateAppInfoTakesOnlyTheStartDescription)
 {
     ManifestData first;
-    first.appName = "worker_${*}";
-    first.isDynamicPara = true;
-    first.isReporting = true;
-    first.binPath = "${/opt/*}";
+    first.appName = first.binPath = "${/opt/*}";
+    first.isDynamicPara = first.isReporting = first.isDelayCoreAffinity = true;
     first.restart = "on-failure";
-    first.nodeType = 7;
-    first.startupPriority = 3;
-    first.isDelayCoreAffinity = true;
     first.coreAffinity = {1};
     DaemonHomeEnv() = "/home/user";
     GeneralAppInfo app("worker_1", ApplicationManifest(first), "zulmgr");
     DaemonHomeEnv().clear();
     // A general record has its own name and the daemon's HOME, and never reports itself.
-    EXPECT_EQ(app.appName_, "worker_1");
-    EXPECT_EQ(app.homeEnv_, "/home/user");
-    EXPECT_FALSE(app.isReporting_);
+    EXPECT_EQ(std::make_tuple(app.appName_, app.homeEnv_, app.isReporting_),
+              std::make_tuple(std::string("worker_1"), std::string("/home/user"), false));
     EXPECT_TRUE(BaseAppInfo(ApplicationManifest(first)).isReporting_);
     app.pid_ = 42;
-    app.state_ = RUNNING;
-    app.isKillSent_ = true;
 
     ManifestData second;
-    second.appName = "worker_${*}";
+    second.appName = "other";
     second.binPath = "/opt/other";
     second.env = {{"B", "2"}};
     second.uid = 2000;
     second.nice = 3;
     second.termTimeOut = 900;
-    second.cgroupPath = {{"net", "n"}};
     second.vfId = 4;
     second.coreAffinity = {255};
     second.restart = "on-forever";
-    second.nodeType = 1;
-    second.startupPriority = -1;
     app.UpdateAppInfo(ApplicationManifest(second));
 
-    // The start description is taken, ...
-    EXPECT_EQ(app.appName_, "worker_${*}");
-    EXPECT_EQ(std::make_tuple(app.execPath_, app.env_, app.uid_, app.nice_, app.termTimeOut_, app.cgroupPath_),
-              std::make_tuple(second.binPath, second.env, 2000u, 3, 900u, second.cgroupPath));
-    EXPECT_EQ(std::make_tuple(app.vfId_, app.coreAffinity_.empty(), app.schedPolicy_, app.isDelayCoreAffinity_),
-              std::make_tuple(4, true, SK_SCHED_FIFO, false));
-    // ... the policy, the owner, the dynamic patterns and the process stay.
-    EXPECT_EQ(std::make_tuple(app.restart_, app.ownerName_, app.nodeType_, app.startupPriority_),
-              std::make_tuple(std::string("on-failure"), std::string("zulmgr"), 7u, 3));
-    EXPECT_EQ(std::make_tuple(app.isDynamicExecPath_, app.execPathPattern_, app.pid_, app.state_, app.isKillSent_),
-              std::make_tuple(true, std::string("${/opt/*}"), 42, RUNNING, true));
+    // The start description is taken; the policy, the owner, the dynamic pattern and the process stay.
+    EXPECT_EQ(std::make_tuple(app.appName_, app.execPath_, app.env_, app.uid_, app.nice_, app.termTimeOut_, app.vfId_),
+              std::make_tuple(second.appName, second.binPath, second.env, 2000u, 3, 900u, 4));
+    EXPECT_EQ(std::make_tuple(app.coreAffinity_.empty(), app.schedPolicy_, app.isDelayCoreAffinity_),
+              std::make_tuple(true, SK_SCHED_FIFO, false));
+    EXPECT_EQ(std::make_tuple(app.restart_, app.ownerName_, app.isDynamicExecPath_, app.execPathPattern_, app.pid_),
+              std::make_tuple(std::string("on-failure"), std::string("zulmgr"), true, first.binPath, 42));
 }
 
 } // namespace

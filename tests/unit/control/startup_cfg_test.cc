@@ -1,5 +1,4 @@
-// Priority applications at boot, start-up files loaded on request, and the
-// lookup of records from the manifest tables.
+// Priority applications at boot and start-up files loaded on request.
 #include <algorithm>
 
 #include "tests/unit/control/control_fixture.h"
@@ -50,43 +49,6 @@ TEST_F(StartupCfg, ReloadUpdatesKnownRecordsFromTheTablesAsTheyStand)
     EXPECT_TRUE(Count("LoadStartCfgInfo failed, path=" + info.path));
     EXPECT_EQ((std::vector<std::string>{"--exit", "2"}), app->arguments_);
     EXPECT_EQ(app, Lookup("a"));
-}
-
-TEST_F(StartupCfg, LookupTakesStaticThenLiveThenPattern)
-{
-    ManifestData pattern = Probe("${worker_*}");
-    pattern.isDynamicPara = true;
-    Store({Probe("a"), pattern});
-    AppPtr a = Lookup("a", "first");
-    EXPECT_EQ(a, Lookup("a", "second"));
-    EXPECT_EQ("first", a->ownerName_);
-
-    // A live record that no static manifest knows, and one shadowed by a static record.
-    {
-        std::lock_guard<std::mutex> lock(generalAppMutex_);
-        generalAppMap_["live"] = std::make_shared<App::GeneralAppInfo>();
-        generalAppMap_["a"] = std::make_shared<App::GeneralAppInfo>();
-    }
-    EXPECT_EQ(a, Lookup("a"));
-    EXPECT_NE(nullptr, Lookup("live"));
-
-    // A record from a pattern is new each time until one of them is live.
-    AppPtr worker = Lookup("worker_1");
-    ASSERT_NE(nullptr, worker);
-    EXPECT_EQ("worker_1", worker->appName_);
-    EXPECT_NE(worker, Lookup("worker_1"));
-    {
-        std::lock_guard<std::mutex> lock(generalAppMutex_);
-        generalAppMap_["worker_1"] = worker;
-    }
-    EXPECT_EQ(worker, Lookup("worker_1"));
-    EXPECT_EQ(0u, Count("GetGeneralApp failed"));
-
-    EXPECT_EQ(nullptr, Lookup("nothing"));
-    EXPECT_EQ(LOG_ERR, LevelOf("STAVIK : GetGeneralApp failed: app=nothing"));
-    // A manifest stored later makes the name known.
-    Store({Probe("nothing")});
-    EXPECT_NE(nullptr, Lookup("nothing"));
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// The daemon's own configuration file and the watchdog set up from it, read
-// in a sandbox root.
+// The watchdog set up from the configuration and the command line, in a
+// sandbox root; the configuration file itself is read in the upload runs.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -13,8 +13,6 @@
 
 namespace Stavik {
 namespace {
-
-const std::string CFG_FILE = "/etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml";
 
 class BootInputs : public ::testing::Test {
 protected:
@@ -34,47 +32,6 @@ protected:
 
     ::Stavik::Test::Sandbox box_;
 };
-
-TEST_F(BootInputs, ConfigurationFileFillsWhatItHasAndKeepsTheDefaultsElsewhere)
-{
-    struct Case {
-        const char* text; // nullptr: no file
-        bool wdEnable;
-        std::string timeout, action;
-        bool upload;
-        std::vector<std::string> lines;
-    };
-    const std::vector<Case> cases = {
-        {nullptr, true, "60", "2", false, {"LoadStavikCfg file=" + box_.Path(CFG_FILE) + " failed. errno=2"}},
-        {"skupload:\n  enable: true\n", true, "60", "2", false, {"LoadWatchDogCfg not exist watch_dog key"}},
-        {"watch_dog: {}\nskupload: {}\n", true, "60", "2", true,
-         {"GetWatchDogEnable is null !", "GetWatchDogTimeout is null !", "GetWatchDogAction is null !",
-          "GetSkuploadEnable is null !", "STAVIK: LoadSkUploadCfg finish enable=1"}},
-        // Bad values fall back without a line of their own.
-        {"watch_dog:\n  enable: false\n  timeout: \"12a\"\n  action: \"3\"\n", false, "60", "2", false,
-         {"STAVIK: LoadWatchDogCfg finish enable=0, wdTimeout=60 s, wdAction=2",
-          "LoadSkUploadCfg not exist skupload key"}},
-        {"watch_dog:\n  timeout: \"120\"\n  action: \"0\"\nskupload:\n  enable: false\n", true, "120", "0", false,
-         {"STAVIK: LoadSkUploadCfg finish enable=0"}},
-        {"watch_dog: [unclosed\n", true, "60", "2", false,
-         {"LoadStavikCfg file=" + box_.Path(CFG_FILE) + " failed. init yaml node failed"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.text == nullptr ? "no file" : c.text);
-        if (c.text != nullptr) {
-            box_.WriteFile(CFG_FILE, c.text);
-        }
-        LogCapture::Begin();
-        StavikCfg cfg;
-        LoadStavikCfg(CFG_FILE, cfg);
-        EXPECT_EQ(std::make_tuple(c.wdEnable, c.timeout, c.action, c.upload),
-                  std::make_tuple(cfg.wdEnable, cfg.wdTimeout, cfg.wdAction, cfg.skUploadEnable_));
-        for (const std::string& line : c.lines) {
-            EXPECT_EQ(1u, LogCapture::Count(line)) << line;
-        }
-        EXPECT_EQ(0u, LogCapture::Count("12a"));
-    }
-}
 
 // What the watchdog asked of the kernel: the module parameters, or the
 // feeding ioctl and its argument.

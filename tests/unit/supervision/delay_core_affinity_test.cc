@@ -206,13 +206,11 @@ TEST_F(DaemonSteps, DelayedBindingCheckStopAndWakeUp)
     EXPECT_EQ(0u, Request(daemon, 1, 0, 0, 0));
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(900));
     EXPECT_EQ(0u, state.load());
-    EXPECT_TRUE(LogCapture::Contains("CheckCoreAffinityThread interrupt"));
     EXPECT_TRUE(LogCapture::Contains("SetDelayCoreAffinity : finish interrupting check task"));
 
-    // One scan, not satisfied, with a limit of 1; the wake-up flag is for what follows.
+    // One scan with a limit of 1; the wake-up flag is for what follows.
     EXPECT_EQ(0u, Request(daemon, 0, 1, 1, 100));
     ASSERT_TRUE(WaitLine("finish check 1 times,check interval 100 ms,coreAffinityOk=0, isWakeUpEnable=1"));
-    EXPECT_EQ(2u, state.load());
 
     // Wake-up with the flag: delayed applications back on the control cpus,
     // waiting for a new request.
