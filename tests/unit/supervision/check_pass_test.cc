@@ -12,25 +12,17 @@ const int32_t KILLED_BY_SIGSEGV = SIGSEGV;
 const int32_t PID = 4242;
 const uint64_t NOW = 1000;
 
-class CheckPass : public DaemonSteps {
-protected:
-    static App::BaseAppInfo Died(const std::string& name, int32_t pid, const std::string& restart,
-                                 const std::string& binPath = "")
-    {
-        ManifestData data = Data(name, restart);
-        data.binPath = binPath;
-        data.arguments = {"30"};
-        App::BaseAppInfo app = Base(data, pid, RUNNING);
-        app.SetExitStatus(EXIT_CODE_1);
-        return app;
-    }
-};
+using CheckPass = DaemonSteps;
 
 // Deaths without a policy and with on-forever are checked through the real
 // daemon in tests/e2e/supervision.
 TEST_F(CheckPass, FailedRestartOfABaseAppIsKeptAndTriedAgainOnTheNextPass)
 {
-    AddBase(Died("broken", 4244, "on-forever", "/nonexistent/stavik-test-bin"));
+    ManifestData data = Data("broken", "on-forever");
+    data.binPath = "/nonexistent/stavik-test-bin";
+    App::BaseAppInfo broken = Base(data, 4244, RUNNING);
+    broken.SetExitStatus(EXIT_CODE_1);
+    AddBase(broken);
     daemon_->CheckBaseApps();
 
     EXPECT_EQ(LOG_INFO, LevelOf("STAVIK: CheckThread : owner=broken, pid=4244, state=TERMINATED will restart now"));
