@@ -16,16 +16,6 @@ namespace {
 using AppTest::LevelOf;
 using AppTest::ScopedLogCapture;
 
-AppInfo RtApp(const std::string& prio, const std::string& type, std::vector<uint32_t> cores = {})
-{
-    ManifestData data;
-    data.setRtPrio = prio;
-    data.setRtType = type;
-    data.coreAffinity = std::move(cores);
-    data.isDelayCoreAffinity = true;
-    return AppInfo(ApplicationManifest(data), "rtapp", "");
-}
-
 TEST(AppRecord, RtPriorityAndTheCoreSentinel)
 {
     struct Case {
@@ -53,8 +43,13 @@ TEST(AppRecord, RtPriorityAndTheCoreSentinel)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.prio) + "/" + c.type + "/" + std::to_string(c.cores.size()));
+        ManifestData data;
+        data.setRtPrio = c.prio;
+        data.setRtType = c.type;
+        data.coreAffinity = c.cores;
+        data.isDelayCoreAffinity = true;
         ScopedLogCapture capture;
-        AppInfo app = RtApp(c.prio, c.type, c.cores);
+        AppInfo app(ApplicationManifest(data), "rtapp", "");
         EXPECT_EQ(app.schedPolicy_, c.policy);
         EXPECT_EQ(app.rtPrio_, c.rtPrio);
         EXPECT_EQ(app.needRtLimit_, c.rtLimit);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -88,18 +89,13 @@ protected:
         return app;
     }
 
-    // A copy of the base record of this name, or an empty one with pid -1.
+    // A copy of the base record of this name, or an empty one.
     static App::BaseAppInfo BaseCopy(const std::string& name)
     {
         std::lock_guard<std::mutex> lock(baseAppMutex_);
-        for (const App::BaseAppInfo& app : executedBaseApp_) {
-            if (app.appName_ == name) {
-                return app;
-            }
-        }
-        App::BaseAppInfo none{ApplicationManifest()};
-        none.pid_ = -1;
-        return none;
+        auto found = std::find_if(executedBaseApp_.begin(), executedBaseApp_.end(),
+                                  [&name](const App::BaseAppInfo& app) { return app.appName_ == name; });
+        return found == executedBaseApp_.end() ? App::BaseAppInfo{ApplicationManifest()} : *found;
     }
 
     ::Stavik::Test::Sandbox sandbox_;
