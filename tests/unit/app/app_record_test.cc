@@ -1,12 +1,10 @@
-// What a record takes from its manifest, from a reload and from the values of
-// a request.
+// What a record takes from its manifest and from the values of a request; a
+// reload's update is checked in tests/unit/control.
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <tuple>
 
 #include "app/app_info.h"
-#include "app/home_env.h"
 #include "app_test_util.h"
 
 namespace Stavik {
@@ -59,43 +57,6 @@ TEST(AppRecord, RtPriorityAndTheCoreSentinel)
         EXPECT_EQ(LogCapture::Lines().empty(), *c.line == '\0');
         EXPECT_TRUE(*c.line == '\0' || LevelOf(c.line) == LOG_INFO);
     }
-}
-
-TEST(AppRecord, UpdateAppInfoTakesOnlyTheStartDescription)
-{
-    ManifestData first;
-    first.appName = first.binPath = "${/opt/*}";
-    first.isDynamicPara = first.isReporting = first.isDelayCoreAffinity = true;
-    first.restart = "on-failure";
-    first.coreAffinity = {1};
-    DaemonHomeEnv() = "/home/user";
-    GeneralAppInfo app("worker_1", ApplicationManifest(first), "zulmgr");
-    DaemonHomeEnv().clear();
-    // A general record has its own name and the daemon's HOME, and never reports itself.
-    EXPECT_EQ(std::make_tuple(app.appName_, app.homeEnv_, app.isReporting_),
-              std::make_tuple(std::string("worker_1"), std::string("/home/user"), false));
-    EXPECT_TRUE(BaseAppInfo(ApplicationManifest(first)).isReporting_);
-    app.pid_ = 42;
-
-    ManifestData second;
-    second.appName = "other";
-    second.binPath = "/opt/other";
-    second.env = {{"B", "2"}};
-    second.uid = 2000;
-    second.nice = 3;
-    second.termTimeOut = 900;
-    second.vfId = 4;
-    second.coreAffinity = {255};
-    second.restart = "on-forever";
-    app.UpdateAppInfo(ApplicationManifest(second));
-
-    // The start description is taken; the policy, the owner, the dynamic pattern and the process stay.
-    EXPECT_EQ(std::make_tuple(app.appName_, app.execPath_, app.env_, app.uid_, app.nice_, app.termTimeOut_, app.vfId_),
-              std::make_tuple(second.appName, second.binPath, second.env, 2000u, 3, 900u, 4));
-    EXPECT_EQ(std::make_tuple(app.coreAffinity_.empty(), app.schedPolicy_, app.isDelayCoreAffinity_),
-              std::make_tuple(true, SK_SCHED_FIFO, false));
-    EXPECT_EQ(std::make_tuple(app.restart_, app.ownerName_, app.isDynamicExecPath_, app.execPathPattern_, app.pid_),
-              std::make_tuple(std::string("on-failure"), std::string("zulmgr"), true, first.binPath, 42));
 }
 
 using Env = std::map<std::string, std::string>;

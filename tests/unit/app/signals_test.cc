@@ -96,11 +96,8 @@ TEST(Signals, OnlyWorkersOfTheVictimAreKilled)
 
     TermFrsSubProc("FRSDaemon", frs);
     EXPECT_TRUE(LogCapture::Contains("STAVIK: TermFrsSubProc end, frsPid=" + std::to_string(frs)));
-    EXPECT_EQ(LogCapture::Count("STAVIK : TermFrsSubProc kill process"), 2u);
+    EXPECT_EQ(LogCapture::Count("STAVIK : TermFrsSubProc kill process frsdaemon(ppid=" + std::to_string(frs)), 2u);
     for (pid_t worker : workers) {
-        EXPECT_EQ(LogCapture::Count("STAVIK : TermFrsSubProc kill process frsdaemon(ppid=" + std::to_string(frs) +
-                                    ", pid=" + std::to_string(worker) + ")"),
-                  1u);
         EXPECT_TRUE(WaitUntil([worker] { return waitpid(worker, nullptr, WNOHANG) == worker; }));
     }
     EXPECT_FALSE(IsGone(other) || IsGone(stranger));

@@ -2,6 +2,7 @@
 // only the in-process handlers show, priority applications at boot and
 // start-up files loaded on request.
 #include <algorithm>
+#include <tuple>
 
 #include "client/request_packer.h"
 #include "tests/unit/control/control_fixture.h"
@@ -118,9 +119,13 @@ TEST_F(StartupCfg, FailuresAtBootStopNeitherTheLoopNorTheBoot)
 
 TEST_F(StartupCfg, ReloadUpdatesKnownRecordsFromTheTablesAsTheyStand)
 {
-    Store({Probe("a", {"--exit", "1"})});
+    ManifestData first = Probe("a", {"--exit", "1"}), second = Probe("a", {"--exit", "2"}, "/opt/other");
+    first.restart = "on-failure";
+    second.coreAffinity = {255};
+    Store({first});
     AppPtr app = Lookup("a");
-    Store({Probe("a", {"--exit", "2"})});
+    app->pid_ = 42;
+    Store({second});
     EXPECT_EQ((std::vector<std::string>{"--exit", "1"}), app->arguments_);
 
     Message::StartupCfgInfo info;
@@ -128,7 +133,10 @@ TEST_F(StartupCfg, ReloadUpdatesKnownRecordsFromTheTablesAsTheyStand)
     EXPECT_EQ(0u, daemon_->ReLoadStartCfgInfo(info));
 
     EXPECT_TRUE(Count("LoadStartCfgInfo failed, path=" + info.path));
-    EXPECT_EQ((std::vector<std::string>{"--exit", "2"}), app->arguments_);
+    // The start description is taken; the policy, the owner and the process stay.
+    EXPECT_EQ(std::make_tuple(second.arguments, second.binPath, App::SK_SCHED_FIFO, std::string("on-failure"), 42),
+              std::make_tuple(app->arguments_, app->execPath_, app->schedPolicy_, app->restart_, app->pid_));
+    EXPECT_EQ("ownerA", app->ownerName_);
     EXPECT_EQ(app, Lookup("a"));
 }
 
