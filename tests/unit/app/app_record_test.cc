@@ -1,9 +1,10 @@
+// What a record takes from its manifest and from the values of a request; a
+// reload's update is checked in tests/unit/control.
 #include <gtest/gtest.h>
 
-#include <tuple>
+#include <climits>
 
 #include "app/app_info.h"
-#include "app/home_env.h"
 #include "app_test_util.h"
 
 namespace Stavik {
@@ -12,16 +13,6 @@ namespace {
 
 using AppTest::LevelOf;
 using AppTest::ScopedLogCapture;
-
-AppInfo RtApp(const std::string& prio, const std::string& type, std::vector<uint32_t> cores = {})
-{
-    ManifestData data;
-    data.setRtPrio = prio;
-    data.setRtType = type;
-    data.coreAffinity = std::move(cores);
-    data.isDelayCoreAffinity = true;
-    return AppInfo(ApplicationManifest(data), "rtapp", "");
-}
 
 TEST(AppRecord, RtPriorityAndTheCoreSentinel)
 {
@@ -50,8 +41,13 @@ TEST(AppRecord, RtPriorityAndTheCoreSentinel)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.prio) + "/" + c.type + "/" + std::to_string(c.cores.size()));
+        ManifestData data;
+        data.setRtPrio = c.prio;
+        data.setRtType = c.type;
+        data.coreAffinity = c.cores;
+        data.isDelayCoreAffinity = true;
         ScopedLogCapture capture;
-        AppInfo app = RtApp(c.prio, c.type, c.cores);
+        AppInfo app(ApplicationManifest(data), "rtapp", "");
         EXPECT_EQ(app.schedPolicy_, c.policy);
         EXPECT_EQ(app.rtPrio_, c.rtPrio);
         EXPECT_EQ(app.needRtLimit_, c.rtLimit);
@@ -63,56 +59,54 @@ TEST(AppRecord, RtPriorityAndTheCoreSentinel)
     }
 }
 
-TEST(AppRecord, UpdateAppInfoTakesOnlyTheStartDescription)
+using Env = std::map<std::string, std::string>;
+using Strings = std::vector<std::string>;
+
+TEST(DynamicRequest, FixedManifestsIgnoreTheRequestUpdatesStopAtTheFirstRefusalAndVfIdsStayWithinInt32)
 {
-    ManifestData first;
-    first.appName = "worker_${*}";
-    first.isDynamicPara = true;
-    first.isReporting = true;
-    first.binPath = "${/opt/*}";
-    first.restart = "on-failure";
-    first.nodeType = 7;
-    first.startupPriority = 3;
-    first.isDelayCoreAffinity = true;
-    first.coreAffinity = {1};
-    DaemonHomeEnv() = "/home/user";
-    GeneralAppInfo app("worker_1", ApplicationManifest(first), "zulmgr");
-    DaemonHomeEnv().clear();
-    // A general record has its own name and the daemon's HOME, and never reports itself.
-    EXPECT_EQ(app.appName_, "worker_1");
-    EXPECT_EQ(app.homeEnv_, "/home/user");
-    EXPECT_FALSE(app.isReporting_);
-    EXPECT_TRUE(BaseAppInfo(ApplicationManifest(first)).isReporting_);
-    app.pid_ = 42;
-    app.state_ = RUNNING;
-    app.isKillSent_ = true;
-
-    ManifestData second;
-    second.appName = "worker_${*}";
-    second.binPath = "/opt/other";
-    second.env = {{"B", "2"}};
-    second.uid = 2000;
-    second.nice = 3;
-    second.termTimeOut = 900;
-    second.cgroupPath = {{"net", "n"}};
-    second.vfId = 4;
-    second.coreAffinity = {255};
-    second.restart = "on-forever";
-    second.nodeType = 1;
-    second.startupPriority = -1;
-    app.UpdateAppInfo(ApplicationManifest(second));
-
-    // The start description is taken, ...
-    EXPECT_EQ(app.appName_, "worker_${*}");
-    EXPECT_EQ(std::make_tuple(app.execPath_, app.env_, app.uid_, app.nice_, app.termTimeOut_, app.cgroupPath_),
-              std::make_tuple(second.binPath, second.env, 2000u, 3, 900u, second.cgroupPath));
-    EXPECT_EQ(std::make_tuple(app.vfId_, app.coreAffinity_.empty(), app.schedPolicy_, app.isDelayCoreAffinity_),
-              std::make_tuple(4, true, SK_SCHED_FIFO, false));
-    // ... the policy, the owner, the dynamic patterns and the process stay.
-    EXPECT_EQ(std::make_tuple(app.restart_, app.ownerName_, app.nodeType_, app.startupPriority_),
-              std::make_tuple(std::string("on-failure"), std::string("zulmgr"), 7u, 3));
-    EXPECT_EQ(std::make_tuple(app.isDynamicExecPath_, app.execPathPattern_, app.pid_, app.state_, app.isKillSent_),
-              std::make_tuple(true, std::string("${/opt/*}"), 42, RUNNING, true));
+    ManifestData data;
+    data.isDynamicPara = true;
+    data.binPath = "${/opt/bin/*}";
+    data.arguments = {"-c", "${*}"};
+    data.env = {{"A", "${[a-z]*}"}, {"B", "lit"}};
+    data.vfIdPattern = "${[0-9]*}";
+    data.vfId = 3;
+    const Env literalOnly = {{"B", "lit"}};
+    struct Case {
+        bool isDynamic;
+        Strings arguments;
+        DynamicParaMap parameters;
+        bool result;
+        std::string execPath;
+        Strings argumentsAfter;
+        int32_t vfId;
+        Env env;
+    };
+    const Case cases[] = {
+        {false, {"-x"}, {{0, {"/opt/bin/a", "/b"}}, {1, {"zz"}}, {2, {"=bad"}}}, true, data.binPath, data.arguments,
+         3, data.env},
+        // Path, then vfid, then environment; what came before a refusal stays.
+        {true, {"-x", "y"}, {{0, {""}}, {1, {"5"}}}, false, data.binPath, {"-x", "y"}, 3, data.env},
+        {true, {"-x"}, {{0, {"/opt/bin/a"}}, {1, {"bad"}}, {2, {"A=abc"}}}, false, "/opt/bin/a", {"-x"}, 3, data.env},
+        {true, {}, {{0, {"/opt/bin/a"}}, {1, {"5"}}, {2, {"A=ABC"}}}, false, "/opt/bin/a", {}, 5, literalOnly},
+        {true, {}, {{0, {"/opt/bin/a"}}, {1, {"5"}}, {2, {"A=abc"}}}, true, "/opt/bin/a", {}, 5,
+         {{"A", "abc"}, {"B", "lit"}}},
+        {true, {}, {{0, {"/opt/bin/a"}}}, true, "/opt/bin/a", {}, -1, literalOnly},
+        {true, {}, {{0, {"/opt/bin/a"}}, {1, {"2147483647", "x"}}}, true, "/opt/bin/a", {}, INT32_MAX, literalOnly},
+        {true, {}, {{0, {"/opt/bin/a"}}, {1, {"2147483648"}}}, true, "/opt/bin/a", {}, -1, literalOnly},
+        {true, {}, {{0, {"/opt/bin/a"}}, {1, {"7a"}}}, true, "/opt/bin/a", {}, -1, literalOnly},
+    };
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+        SCOPED_TRACE(i);
+        const Case& c = cases[i];
+        data.isDynamicPara = c.isDynamic;
+        GeneralAppInfo app("dyn_1", ApplicationManifest(data), "zulmgr");
+        EXPECT_EQ(c.result, app.UpdateDynamicPara(c.arguments, c.parameters));
+        EXPECT_EQ(c.execPath, app.execPath_);
+        EXPECT_EQ(c.argumentsAfter, app.arguments_);
+        EXPECT_EQ(c.vfId, app.vfId_);
+        EXPECT_EQ(c.env, app.env_);
+    }
 }
 
 } // namespace

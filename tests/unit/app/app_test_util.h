@@ -1,9 +1,6 @@
 #ifndef STAVIK_TESTS_UNIT_APP_APP_TEST_UTIL_H
 #define STAVIK_TESTS_UNIT_APP_APP_TEST_UTIL_H
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <map>
 #include <string>
 
@@ -24,13 +21,10 @@ inline bool IsGone(pid_t pid)
     return status["State"].empty() || status["State"][0] == 'Z';
 }
 
-// Captures log lines for the life of one test.
-class ScopedLogCapture {
-public:
+// Captures log lines for the life of one scope.
+struct ScopedLogCapture {
     ScopedLogCapture() { LogCapture::Begin(); }
     ~ScopedLogCapture() { LogCapture::End(); }
-    ScopedLogCapture(const ScopedLogCapture&) = delete;
-    ScopedLogCapture& operator=(const ScopedLogCapture&) = delete;
 };
 
 // The level of the first captured line that contains text, or -1.

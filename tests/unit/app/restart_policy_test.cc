@@ -31,7 +31,7 @@ BaseAppInfo FiveRestartsSince(uint32_t reason)
     return app;
 }
 
-TEST(RestartPolicy, SixthRestartWithinTheWindowIsFinal)
+TEST(RestartPolicy, SixthRestartWithinTheWindowIsFinalTheEdgeIsInclusiveAndTruncated)
 {
     for (uint32_t reason : {REASON_NONE, REASON_COREDUMP}) {
         SCOPED_TRACE(reason);
@@ -53,10 +53,7 @@ TEST(RestartPolicy, SixthRestartWithinTheWindowIsFinal)
         EXPECT_EQ(app.restartHistory_.front().time, T0 + 10 * NS_PER_MS);
         EXPECT_EQ(app.restartHistory_.size(), 5u);
     }
-}
 
-TEST(RestartPolicy, WindowEdgeIsInclusiveAndTruncated)
-{
     for (uint64_t edge : {60000 * NS_PER_MS, 60000 * NS_PER_MS + 900000}) {
         EXPECT_FALSE(FiveRestartsSince(REASON_NONE).NeedRestart(REASON_NONE, T0 + edge)) << edge;
     }

@@ -1,15 +1,11 @@
 // Signals to applications and the workers of "FRSDaemon", against real
-// processes; copies of sleep named "frsdaemon" play the workers, since the
-// kernel names a process after the basename of its executable.
+// processes named as the kernel shows them.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <filesystem>
-#include <vector>
 
 #include "app/app_info.h"
 #include "app/signals.h"
@@ -23,22 +19,27 @@ using AppTest::IsGone;
 using AppTest::LevelOf;
 using AppTest::ScopedLogCapture;
 using AppTest::WaitUntil;
-namespace fs = std::filesystem;
 
-// A child that sleeps in path, or waits for a signal when path is empty.
-pid_t Spawn(const std::string& path = "")
+// A child named name that waits to be killed, and dies with this thread;
+// given a pipe, it first starts a "frsdaemon" of its own and writes its pid there.
+pid_t Spawn(const char* name, int pipeFd = -1)
 {
     pid_t pid = fork();
     if (pid == 0) {
-        if (!path.empty()) {
-            execl(path.c_str(), path.c_str(), "60", static_cast<char*>(nullptr));
+        prctl(PR_SET_NAME, name);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        pid_t own = pipeFd < 0 ? 0 : Spawn("frsdaemon");
+        if (pipeFd >= 0 && write(pipeFd, &own, sizeof(own)) < 0) {
+            _exit(1);
         }
-        pause();
-        _exit(0);
+        while (true) {
+            pause();
+        }
     }
     return pid;
 }
 
+// TermProcess of a pid 0 is refused in tests/unit/control.
 TEST(Signals, InvalidAndGonePidsAndTheSignalThatReachesTheProcess)
 {
     ScopedLogCapture capture;
@@ -48,96 +49,64 @@ TEST(Signals, InvalidAndGonePidsAndTheSignalThatReachesTheProcess)
                   LOG_ERR);
     }
     GeneralAppInfo app;
-    EXPECT_FALSE(app.TermProcess());
-    EXPECT_EQ(LevelOf("STAVIK : TermProcess failed: the pid=0 is invalid"), LOG_ERR);
-    EXPECT_FALSE(LogCapture::Contains("STAVIK : SendSignal: 9 to"));
-
     app.appName_ = "app";
-    app.pid_ = Spawn();
-    ASSERT_GT(app.pid_, 0);
-    std::string pid = std::to_string(app.pid_);
-    EXPECT_TRUE(app.TermProcess());
-    EXPECT_TRUE(LogCapture::Contains("STAVIK : SendSignal: Successfully term appName=app, pid=" + pid));
+    app.pid_ = Spawn("app");
+    const std::string pid = std::to_string(app.pid_);
     int status = 0;
+    EXPECT_TRUE(app.TermProcess());
     ASSERT_TRUE(WaitUntil([&] { return waitpid(app.pid_, &status, WNOHANG) == app.pid_; }));
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
 
-    // A pid that is gone still counts as terminated.
+    // A pid that is gone still counts as terminated; its status can't be read,
+    // and what was asked for stays.
     EXPECT_TRUE(app.TermProcess());
-    EXPECT_EQ(LevelOf("STAVIK : SendSignal failed: kill failed appName=app, pid=" + pid +
-                      ", errno=" + std::to_string(ESRCH)),
-              LOG_ERR);
-    // The status of a gone pid can't be read, and what was asked for stays.
+    EXPECT_EQ(LevelOf("STAVIK : SendSignal failed: kill failed appName=app, pid=" + pid + ", errno=3"), LOG_ERR);
     std::map<std::string, std::string> unreadable = {{"Name", "kept"}};
     ReadProcStatus(app.pid_, unreadable);
     EXPECT_EQ(unreadable["Name"], "kept");
 }
 
-// The test process adopts the orphans of its tree, so that it reaps all of them.
+// The test process plays "frsdaemon": its children of that name are its
+// workers, a "frsdaemon" started by another child is not.
 TEST(Signals, OnlyWorkersOfTheVictimAreKilled)
 {
-    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
-    fs::path dir = fs::temp_directory_path() / ("stavik_frs_" + std::to_string(getpid()));
-    fs::create_directories(dir);
-    const std::string frsPath = (dir / "frsdaemon").string();
-    fs::copy_file("/bin/sleep", frsPath, fs::copy_options::overwrite_existing);
-
-    // A "frsdaemon" whose children are two "frsdaemon" workers and one "sleep".
+    char ownName[16] = {};
+    prctl(PR_GET_NAME, ownName);
+    prctl(PR_SET_NAME, "frsdaemon");
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
-    pid_t frs = fork();
-    if (frs == 0) {
-        pid_t own[3] = {Spawn(frsPath), Spawn(frsPath), Spawn("/bin/sleep")};
-        if (write(fds[1], own, sizeof(own)) == static_cast<ssize_t>(sizeof(own))) {
-            execl(frsPath.c_str(), "frsdaemon", "60", static_cast<char*>(nullptr));
-        }
-        _exit(127);
-    }
-    close(fds[1]);
-    pid_t children[3] = {0, 0, 0};
-    ssize_t got = read(fds[0], children, sizeof(children));
+    const pid_t frs = getpid(), workers[2] = {Spawn("frsdaemon"), Spawn("frsdaemon")}, other = Spawn("sleep", fds[1]);
+    pid_t stranger = 0;
+    ASSERT_EQ(read(fds[0], &stranger, sizeof(stranger)), static_cast<ssize_t>(sizeof(stranger)));
     close(fds[0]);
-    pid_t stranger = Spawn(frsPath);
-    std::vector<pid_t> spawned = {frs, stranger, children[0], children[1], children[2]};
-    ASSERT_EQ(got, static_cast<ssize_t>(sizeof(children)));
+    close(fds[1]);
     ASSERT_TRUE(WaitUntil([&] {
-        return IsNameMatch("frsdaemon", frs) && IsNameMatch("frsdaemon", children[0]) &&
-               IsNameMatch("frsdaemon", children[1]) && IsNameMatch("sleep", children[2]) &&
-               IsNameMatch("frsdaemon", stranger);
+        return IsNameMatch("frsdaemon", workers[0]) && IsNameMatch("frsdaemon", workers[1]) &&
+               IsNameMatch("sleep", other) && IsNameMatch("frsdaemon", stranger);
     }));
     ScopedLogCapture capture;
 
     // Only the application "FRSDaemon" has workers, and only while its pid is still a "frsdaemon".
     TermFrsSubProc("frsdaemon", frs);
     EXPECT_TRUE(LogCapture::Lines().empty());
-    TermFrsSubProc("FRSDaemon", children[2]);
-    EXPECT_EQ(LevelOf("STAVIK : TermFrsSubProc failed: appName FRSDaemon's pid=" + std::to_string(children[2]) +
+    TermFrsSubProc("FRSDaemon", other);
+    EXPECT_EQ(LevelOf("STAVIK : TermFrsSubProc failed: appName FRSDaemon's pid=" + std::to_string(other) +
                       " is invalid"),
               LOG_ERR);
-    EXPECT_FALSE(LogCapture::Contains("TermFrsSubProc kill process"));
 
     TermFrsSubProc("FRSDaemon", frs);
-    std::string frsPid = std::to_string(frs);
-    EXPECT_TRUE(LogCapture::Contains("STAVIK: TermFrsSubProc end, frsPid=" + frsPid));
-    for (pid_t worker : {children[0], children[1]}) {
-        EXPECT_EQ(LogCapture::Count("STAVIK : TermFrsSubProc kill process frsdaemon(ppid=" + frsPid +
-                                    ", pid=" + std::to_string(worker) + ")"),
-                  1u);
+    EXPECT_TRUE(LogCapture::Contains("STAVIK: TermFrsSubProc end, frsPid=" + std::to_string(frs)));
+    EXPECT_EQ(LogCapture::Count("STAVIK : TermFrsSubProc kill process frsdaemon(ppid=" + std::to_string(frs)), 2u);
+    for (pid_t worker : workers) {
+        EXPECT_TRUE(WaitUntil([worker] { return waitpid(worker, nullptr, WNOHANG) == worker; }));
     }
-    EXPECT_TRUE(WaitUntil([&] { return IsGone(children[0]) && IsGone(children[1]); }));
-    for (pid_t spared : {frs, children[2], stranger}) {
-        EXPECT_FALSE(IsGone(spared)) << spared;
-    }
-    // An orphaned worker (parent init) counts too; another's child never does.
+    EXPECT_FALSE(IsGone(other) || IsGone(stranger));
+    // An orphaned worker (parent init) counts too.
     EXPECT_TRUE(IsFrsWorker("frsdaemon", "1", 321));
-    EXPECT_FALSE(IsFrsWorker("frsdaemon", "322", 321));
 
-    for (pid_t pid : spawned) {
-        kill(pid, SIGKILL);
-    }
-    EXPECT_TRUE(WaitUntil([] { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }));
-    prctl(PR_SET_CHILD_SUBREAPER, 0);
-    fs::remove_all(dir);
+    kill(other, SIGKILL);
+    EXPECT_EQ(waitpid(other, nullptr, 0), other);
+    prctl(PR_SET_NAME, ownName);
 }
 
 } // namespace

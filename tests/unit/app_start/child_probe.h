@@ -83,36 +83,15 @@ private:
     int fds_[2] = {-1, -1};
 };
 
-// A child that waits for a signal; killed and reaped at the end unless reaped before.
-class SleepingChild {
-public:
-    SleepingChild()
-    {
-        pid_ = fork();
-        while (pid_ == 0) {
-            pause();
-        }
+// A child that waits for a signal.
+inline pid_t SleepingChild()
+{
+    pid_t pid = fork();
+    while (pid == 0) {
+        pause();
     }
-    ~SleepingChild()
-    {
-        if (pid_ > 0) {
-            KillAndReap(pid_);
-        }
-    }
-    SleepingChild(const SleepingChild&) = delete;
-    SleepingChild& operator=(const SleepingChild&) = delete;
-
-    pid_t Pid() const { return pid_; }
-    int Reap()
-    {
-        int status = ReapChild(pid_);
-        pid_ = -1;
-        return status;
-    }
-
-private:
-    pid_t pid_ = -1;
-};
+    return pid;
+}
 
 } // namespace Test
 } // namespace Stavik

@@ -1,24 +1,21 @@
 // What a started general child does and sees before it becomes the
-// application: identity, nice and scheduling, environment, and the text it
-// sends when a step fails.
+// application: scheduling, environment, and the text it sends when a step
+// fails; the parent's checks before a fork: shell tokens in the arguments and
+// the execute right of the configured uid.
+#include <pwd.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 
 #include <gtest/gtest.h>
 
 #include "app/app_info.h"
-#include "app/child_setup.h"
-#include "app/child_text.h"
 #include "app/home_env.h"
+#include "app/start_check.h"
+#include "core/log.h"
 #include "tests/support/sandbox.h"
 #include "tests/unit/app_start/child_probe.h"
-
-extern char** environ;
 
 namespace Stavik {
 namespace App {
@@ -27,40 +24,20 @@ namespace {
 namespace Support = Stavik::Test;
 using EnvMap = std::map<std::string, std::string>;
 
-constexpr uint32_t NOBODY_UID = 65534;
-constexpr uint32_t USERS_GID = 100;
 const char HOME[] = "/home/probe";
 
-ManifestData Manifest(const std::string& name, EnvMap env = {})
+ManifestData Manifest(const std::string& name)
 {
     ManifestData data;
     data.appName = name;
-    data.env = std::move(env);
     return data;
-}
-
-// The test's own environment, with PROC_NAME and the expected variables laid over it.
-EnvMap Expected(const EnvMap& added)
-{
-    EnvMap expected;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        std::string text = *entry;
-        expected[text.substr(0, text.find('='))] = text.substr(text.find('=') + 1);
-    }
-    expected["PROC_NAME"] = "envprobe";
-    for (const auto& entry : added) {
-        expected[entry.first] = entry.second;
-    }
-    return expected;
 }
 
 class ChildStartTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        // Children under other users write their record in here.
         Support::MakeDirs(sandbox_.Path("/out"));
-        chmod(sandbox_.Path("/out").c_str(), 0777);
         Support::CopyProbe(probe_, 0755, 0, 0);
         DaemonHomeEnv() = HOME;
     }
@@ -86,125 +63,88 @@ protected:
         return Support::ReadProbeRecord(out);
     }
 
-    // The environment of a record; the endpoint's number is whatever was free
-    // in the child, where it listens is fixed.
-    EnvMap EnvOf(EnvMap record)
-    {
-        EXPECT_EQ(record["listen_path"], sandbox_.TubixDir() + "/envprobe");
-        EnvMap env;
-        for (const auto& entry : record) {
-            if (entry.first.compare(0, 4, "env.") == 0 && entry.first != "env.TUBIX_LISTEN_FD") {
-                env[entry.first.substr(4)] = entry.second;
-            }
-        }
-        return env;
-    }
-
     Support::Sandbox sandbox_;
     Support::ChildMsgPipe pipe_;
     std::string probe_ = sandbox_.Path("/probe_child");
     int runs_ = 0;
 };
 
-TEST_F(ChildStartTest, ChildRunsWithConfiguredIdentityNiceAndScheduling)
+// Identity, nice, the base variant, supplementary groups, the environment's
+// other variables and LD_PRELOAD are checked through the real daemon in
+// tests/e2e/base_start.
+TEST_F(ChildStartTest, GeneralChildRunsInItsSchedulingClassWithPlaneHomeAndOwner)
 {
-    ManifestData data = Manifest("identity");
-    data.uid = NOBODY_UID;
-    data.gid = USERS_GID;
-    data.nice = 5;
+    setenv("TUBIX_DIR", sandbox_.TubixDir().c_str(), 1);
+    ManifestData data = Manifest("envprobe");
     data.setRtPrio = "10";
     data.setRtType = "SCHED_RR";
-    errno = 0;
-    int ownNice = getpriority(PRIO_PROCESS, 0);
-
-    // Root without CAP_SYS_RESOURCE may not raise the hard real-time limit;
-    // the child tells so and runs on, in the class it asked for.
-    auto record = Run(data, "prlimit failed,errno=1;");
-    EXPECT_EQ(record["uid"], std::to_string(NOBODY_UID));
-    EXPECT_EQ(record["gid"], std::to_string(USERS_GID));
-    // The kernel caps niceness at 19, as when the tests themselves run niced.
-    EXPECT_EQ(record["nice"], std::to_string(std::min(ownNice + 5, 19)));
+    // Data-plane children take part in sharepool groups; none is declared
+    // here. Root without CAP_SYS_RESOURCE may not raise the hard real-time
+    // limit; the child tells so and runs on, in the class it asked for.
+    EnvMap record = Run(data, "prlimit failed,errno=1;CheckSharepoolGroupCfg failed groupName=DEFAULT_MEM_GROUP is "
+                              "not legal;", "brellan");
     struct rlimit ownLimit {};
     getrlimit(RLIMIT_RTPRIO, &ownLimit);
-    EXPECT_EQ(record["rtprio"], std::to_string(ownLimit.rlim_cur));
-    EXPECT_EQ(record["policy"], std::to_string(SCHED_RR));
+    const EnvMap expected = {{"rtprio", std::to_string(ownLimit.rlim_cur)}, {"policy", std::to_string(SCHED_RR)},
+                             {"listen_path", sandbox_.TubixDir() + "/envprobe"}, {"env.PROC_NAME", "envprobe"},
+                             {"env.PROC_PLANE", "PLANE_DATA"}, {"env.OWNER_NAME", "brellan"}, {"env.HOME", HOME},
+                             {"env.SHAREGROUP_PRECONFIG", "1"}, {"env.SHAREPOOL_GROUP_NAME", ""}};
+    for (const auto& [key, value] : expected) {
+        EXPECT_EQ(record[key], value) << key;
+    }
+    EXPECT_EQ(Run(Manifest("manage"), "")["env.PROC_PLANE"], "PLANE_MANAGE");
 
     // The naming service refuses a process without a name; the binary runs all the same.
     EXPECT_FALSE(Run(Manifest(""), "ZULInitProc failed, errno=22;").empty());
 }
 
-// The base variant, supplementary groups, the other rounding edges and
-// LD_PRELOAD are checked through the real daemon in tests/e2e/base_start.
-TEST_F(ChildStartTest, GeneralChildGetsPlaneHomeOwnerAndClampedHeartBeat)
+TEST(StartCheck, ShellTokensInArgumentsAndExecuteRightsByTheConfiguredUid)
 {
-    setenv("TUBIX_DIR", sandbox_.TubixDir().c_str(), 1);
-    // Shell text in the environment is no reason to refuse a start. Data-plane
-    // children take part in sharepool groups; none is declared here.
-    ManifestData data = Manifest("envprobe", {{"A", "a && b; $(c)"}});
-    data.heartBeatSwitch = true;
-    data.heartBeatInterval = 50;
-    data.heartBeatCount = 1;
-    EXPECT_EQ(EnvOf(Run(data, "CheckSharepoolGroupCfg failed groupName=DEFAULT_MEM_GROUP is not legal;", "brellan")),
-              Expected({{"SHAREGROUP_PRECONFIG", "1"}, {"SHAREPOOL_GROUP_NAME", ""}, {"PROC_PLANE", "PLANE_DATA"},
-                        {"HOME", HOME}, {"A", "a && b; $(c)"}, {"OWNER_NAME", "brellan"}, {"GRP_HB", "1"},
-                        {"GRP_HB_INTERVAL", "100"}, {"GRP_HB_COUNT", "3"}}));
-    // The manifest may override HOME.
-    data.env = {{"HOME", "/manifest"}};
-    data.heartBeatInterval = 150;
-    data.heartBeatCount = 1001;
-    EXPECT_EQ(EnvOf(Run(data, "")),
-              Expected({{"PROC_PLANE", "PLANE_MANAGE"}, {"HOME", "/manifest"}, {"OWNER_NAME", "ownerX"},
-                        {"GRP_HB", "1"}, {"GRP_HB_INTERVAL", "100"}, {"GRP_HB_COUNT", "1000"}}));
-    EXPECT_EQ(EnvOf(Run(Manifest("envprobe", {{"LD_PRELOAD", "libasan.so.5"}}), "")),
-              Expected({{"PROC_PLANE", "PLANE_MANAGE"}, {"HOME", HOME}, {"OWNER_NAME", "ownerX"},
-                        {"LD_PRELOAD", "libasan.so.4:libzul.so.1"}}));
-}
-
-// Each fragment of a failed identity switch, told from a forked child, since
-// the switch changes the identity of the process it runs in.
-TEST(ChildIdentity, EachFailedStepIsToldAndEndsTheSwitch)
-{
-    const uint32_t invalid = static_cast<uint32_t>(-1);
+    constexpr gid_t FOREIGN_GID = 4242; // no user is a member
+    const uint32_t user = getpwuid(1000) != nullptr ? 1000 : 65534;
+    ::Stavik::Test::Sandbox sandbox;
+    // Shell tokens in the path are no argument and don't refuse.
+    const std::string probe = sandbox.Path("/probe&$(x)|y;z");
+    const std::string cfg = "STAVIK : Start App=app failed, cfg uid=" + std::to_string(user) + ", but binPath=" + probe;
+    const std::string notMember = cfg + " uid=0, gid=" + std::to_string(FOREIGN_GID) + " not have x permission !!";
     struct Case {
-        uint32_t uid;
-        uint32_t gid;
-        bool hasUser;
-        errno_t wipeResult;
-        bool switched;
-        std::string told;
+        mode_t mode;
+        uid_t owner;
+        gid_t group;
+        uint32_t cfgUid;
+        std::string argument;
+        std::string line; // the one error line, "" when the check passes silently
     };
-    const Case cases[] = {
-        {0, 0, false, EOK, false, "getpwuid is null;"},
-        {0, 0, true, 1, true, "SetGroups memset_s failed error=1;"},
-        {0, invalid, true, EOK, false, "SetAppGid=4294967295 failed error=22;"},
-        {invalid, 0, true, EOK, false, "SetAppUid=4294967295,failed error=22;"},
+    std::vector<Case> cases = {
+        {0755, 0, 0, user, "/tmp/a-b_c.d", ""}, // group 0 counts as a group of every user
+        {0755, 0, FOREIGN_GID, user, "", notMember},
+        {0701, 0, 0, user, "", cfg + " gid=0 not have x permission !!"},
+        {0701, 0, FOREIGN_GID, user, "", notMember},
+        {0700, 0, 0, 0, "", ""},
+        {0600, 0, 0, 0, "",
+         "STAVIK : Start App=app failed, cfg uid is root, but binPath=" + probe + " uid=0 not have x permission !!"},
+        {0700, user, FOREIGN_GID, user, "", ""},
+        {0670, user, 0, user, "", cfg + " uid=" + std::to_string(user) + " not have x permission !!"},
     };
-    for (const Case& c : cases) {
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
-        UserGroups groups;
-        groups.hasUser = c.hasUser;
-        groups.isListed = true;
-        groups.wipeResult = c.wipeResult;
-        ChildText text;
-        text.Prepare("id", 0);
-        pid_t pid = fork();
-        if (pid == 0) {
-            text.Begin(1);
-            bool switched = SetAppIdentity(c.uid, c.gid, groups, text);
-            text.Send(fds[1]);
-            _exit(switched ? 0 : 1);
-        }
-        close(fds[1]);
-        EXPECT_EQ(Support::ReapChild(pid), W_EXITCODE(c.switched ? 0 : 1, 0)) << c.told;
-        char buffer[256];
-        ssize_t length = read(fds[0], buffer, sizeof(buffer));
-        close(fds[0]);
-        EXPECT_EQ(std::string(buffer, static_cast<size_t>(std::max<ssize_t>(length, 0))), "app=id,pid=1," + c.told);
+    for (const char* token : {"|", ";", ">", "<", ">>", "`", "||", "&&", "&", "(", ")", "$"}) {
+        cases.push_back({0755, 0, 0, 0, std::string("a") + token + "b",
+                         "STAVIK : CheckChildProParas App=app arguments include illegal str"});
     }
-    // Exit codes of a failed exec tell an input/output error apart.
-    EXPECT_EQ(ExecFailureExitCode(EIO), 125);
-    EXPECT_EQ(ExecFailureExitCode(ENOENT), 1);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << std::oct << c.mode << std::dec << " " << c.owner << ":" << c.group
+                                          << " " << c.argument);
+        ::Stavik::Test::CopyProbe(probe, c.mode, c.owner, c.group);
+        LogCapture::Begin();
+        EXPECT_EQ(c.line.empty(), CheckChildProParas("app", probe, c.cfgUid, {"--ok", c.argument}));
+        std::vector<CapturedLine> lines = LogCapture::Lines();
+        LogCapture::End();
+        ASSERT_EQ(c.line.empty() ? 0u : 1u, lines.size());
+        if (!c.line.empty()) {
+            EXPECT_EQ(LOG_ERR, lines[0].level);
+            EXPECT_EQ(c.line, lines[0].text);
+        }
+    }
+    EXPECT_FALSE(IsUserInGroup(54321, 0)) << "no passwd entry, no group";
 }
 
 } // namespace

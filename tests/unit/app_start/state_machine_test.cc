@@ -9,6 +9,7 @@
 #include "app/steady_clock.h"
 #include "app/terminated_reason.h"
 #include "core/log.h"
+#include "tests/unit/app/app_test_util.h"
 #include "tests/unit/app_start/child_probe.h"
 
 namespace Stavik {
@@ -16,6 +17,7 @@ namespace App {
 namespace {
 
 namespace Support = Stavik::Test;
+using AppTest::LevelOf;
 
 ManifestData Data(const std::string& restart = "on-failure")
 {
@@ -61,16 +63,6 @@ void TermTimedOut(GeneralAppInfo& app)
     app.termBeginTime_ = SteadyNowNs() - 2000000000ULL;
 }
 
-bool HasLine(int level, const std::string& text)
-{
-    for (const CapturedLine& line : LogCapture::Lines()) {
-        if (line.level == level && line.text == text) {
-            return true;
-        }
-    }
-    return false;
-}
-
 class StateMachineTest : public ::testing::Test {
 protected:
     void SetUp() override { LogCapture::Begin(); }
@@ -79,12 +71,12 @@ protected:
     Support::ChildMsgPipe pipe_;
 };
 
-TEST_F(StateMachineTest, StartingAndRunningFollowTheExitStatus)
+TEST_F(StateMachineTest, StepsWithoutASignalFollowTheExitStatusTheOwnerAndTheRecord)
 {
     GeneralAppInfo started = General(STARTING, 100);
     EXPECT_EQ(started.CheckState(), RUNNING);
     EXPECT_EQ(started.reportState_, RUNNING_NORMAL_START);
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : STARTING to RUNNING appName=sm, pid=100"));
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : STARTING to RUNNING appName=sm, pid=100"));
     EXPECT_EQ(Base(STARTING, 101, true).CheckState(), STARTING);
 
     // An unrequested end is abnormal, exit code 0 included.
@@ -92,8 +84,40 @@ TEST_F(StateMachineTest, StartingAndRunningFollowTheExitStatus)
     ended.SetExitStatus(W_EXITCODE(0, 0));
     EXPECT_EQ(ended.CheckState(), TERMINATED);
     EXPECT_EQ(ended.reportState_, TERMINATED_ABNORMAL_EXIT);
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : SetExitStatus sm, pid=103"));
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : RUNNING to TERMINATED appName=sm, pid=103"));
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : RUNNING to TERMINATED appName=sm, pid=103"));
+
+    // Only a good end of a run-once application of the naming service is normal.
+    EXPECT_EQ(DiedWith(W_EXITCODE(0, 0), Data("on-until-succeed"), "zulmgr").reportState_, TERMINATED_NORMAL_EXIT);
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : non resident app=sm normal exit"));
+    EXPECT_EQ(DiedWith(W_EXITCODE(1, 0), Data("on-until-succeed"), "zulmgr").reportState_, TERMINATED_ABNORMAL_EXIT);
+    EXPECT_EQ(DiedWith(W_EXITCODE(0, 0), Data("on-until-succeed"), "ownerX").reportState_, TERMINATED_ABNORMAL_EXIT);
+
+    // A dead base record is reported as newly dead at every step.
+    BaseAppInfo dead = Base(TERMINATED, 700);
+    EXPECT_EQ(dead.CheckState(), TERMINATED);
+    EXPECT_EQ(dead.reportState_, TERMINATED_ABNORMAL_EXIT);
+    EXPECT_EQ(LogCapture::Count("STAVIK : Process sm got unexpected TERMINATED state"), 1u);
+
+    // A dead general record keeps the verdict of its death.
+    GeneralAppInfo settled = General(TERMINATED, 701);
+    settled.reportState_ = TERMINATED_NORMAL_EXIT;
+    EXPECT_EQ(settled.CheckState(), TERMINATED);
+    EXPECT_EQ(settled.reportState_, TERMINATED_NORMAL_EXIT);
+
+    BaseAppInfo stopping = Base(TERMINATING, 702);
+    EXPECT_EQ(stopping.CheckState(), TERMINATING);
+    stopping.SetExitStatus(SIGTERM);
+    EXPECT_EQ(stopping.CheckState(), TERMINATED);
+    EXPECT_EQ(stopping.reportState_, TERMINATED_NORMAL_EXIT);
+
+    EXPECT_EQ(General(INITSTATE, 703).CheckState(), INITSTATE);
+    EXPECT_EQ(LOG_ERR, LevelOf("STAVIK : Process sm got unexpected state=0"));
+
+    GeneralAppInfo unstarted = General(STARTING, 0);
+    unstarted.reportState_ = RUNNING_ABNORMAL_TERM_TIMEOUT;
+    EXPECT_EQ(unstarted.CheckState(), STARTING);
+    EXPECT_EQ(unstarted.reportState_, RUNNING_ABNORMAL_TERM_TIMEOUT);
+    EXPECT_EQ(LOG_ERR, LevelOf("CheckState : pid <= 0, don't call waitpid(), currentState=1"));
 }
 
 TEST_F(StateMachineTest, DeathIsLoggedAndGivesItsReason)
@@ -121,36 +145,25 @@ TEST_F(StateMachineTest, DeathIsLoggedAndGivesItsReason)
         LogCapture::Begin();
         GeneralAppInfo app = DiedWith(c.status);
         EXPECT_EQ(app.state_, TERMINATED);
-        EXPECT_TRUE(HasLine(c.level, c.line)) << c.line;
+        EXPECT_EQ(c.level, LevelOf(c.line)) << c.line;
         LogCapture::Begin();
         EXPECT_EQ(GetTerminatedReason(app), c.reason) << c.line;
         EXPECT_EQ(LogCapture::Lines().size(), c.reasonLine.empty() ? 0u : 1u) << c.line;
-        EXPECT_EQ(HasLine(LOG_ERR, c.reasonLine), !c.reasonLine.empty()) << c.line;
+        EXPECT_EQ(LevelOf(c.reasonLine), c.reasonLine.empty() ? -1 : LOG_ERR) << c.line;
     }
 
     // Each signal that dumps core, and two that don't.
-    const std::pair<int, uint32_t> signals[] = {
-        {SIGQUIT, REASON_COREDUMP}, {SIGILL, REASON_COREDUMP},  {SIGTRAP, REASON_COREDUMP}, {SIGABRT, REASON_COREDUMP},
-        {SIGBUS, REASON_COREDUMP},  {SIGFPE, REASON_COREDUMP},  {SIGSEGV, REASON_COREDUMP}, {SIGXCPU, REASON_COREDUMP},
-        {SIGXFSZ, REASON_COREDUMP}, {SIGSYS, REASON_COREDUMP},  {SIGHUP, REASON_NONE},      {SIGUSR1, REASON_NONE},
-    };
-    for (const auto& [signal, reason] : signals) {
-        EXPECT_EQ(GetTerminatedReason(DiedWith(signal)), reason) << signal;
+    for (int signal : {SIGQUIT, SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGXCPU, SIGXFSZ, SIGSYS, SIGHUP, SIGUSR1}) {
+        EXPECT_EQ(GetTerminatedReason(DiedWith(signal)), signal == SIGHUP || signal == SIGUSR1 ? REASON_NONE
+                                                                                                : REASON_COREDUMP)
+            << signal;
     }
-}
-
-TEST_F(StateMachineTest, GoodEndOfRunOnceNamingServiceAppIsNormal)
-{
-    EXPECT_EQ(DiedWith(W_EXITCODE(0, 0), Data("on-until-succeed"), "zulmgr").reportState_, TERMINATED_NORMAL_EXIT);
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : non resident app=sm normal exit"));
-    EXPECT_EQ(DiedWith(W_EXITCODE(1, 0), Data("on-until-succeed"), "zulmgr").reportState_, TERMINATED_ABNORMAL_EXIT);
-    EXPECT_EQ(DiedWith(W_EXITCODE(0, 0), Data("on-until-succeed"), "ownerX").reportState_, TERMINATED_ABNORMAL_EXIT);
 }
 
 TEST_F(StateMachineTest, TerminatingWaitsThenGivesUpOrKillsOnce)
 {
-    Support::SleepingChild stubborn;
-    GeneralAppInfo keep = General(TERMINATING, stubborn.Pid());
+    const pid_t stubborn = Support::SleepingChild();
+    GeneralAppInfo keep = General(TERMINATING, stubborn);
     keep.termBeginTime_ = SteadyNowNs();
     EXPECT_EQ(keep.CheckState(), TERMINATING);
     EXPECT_EQ(keep.reportState_, INVALID_INTERMEDIATE_STATE);
@@ -158,19 +171,20 @@ TEST_F(StateMachineTest, TerminatingWaitsThenGivesUpOrKillsOnce)
     TermTimedOut(keep);
     EXPECT_EQ(keep.CheckState(), RUNNING);
     EXPECT_EQ(keep.reportState_, RUNNING_ABNORMAL_TERM_TIMEOUT);
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : term timeout and forceTerm is false, so not kill appName=sm, pid=" +
-                                      std::to_string(stubborn.Pid()) + "TERMINATING to RUNNING"));
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : term timeout and forceTerm is false, so not kill appName=sm, pid=" +
+                                      std::to_string(stubborn) + "TERMINATING to RUNNING"));
     EXPECT_EQ(LogCapture::Count("SendSignal"), 0u);
+    Support::KillAndReap(stubborn);
 
-    Support::SleepingChild victim;
-    GeneralAppInfo force = General(TERMINATING, victim.Pid());
+    const pid_t victim = Support::SleepingChild();
+    GeneralAppInfo force = General(TERMINATING, victim);
     force.isForceTerm_ = true;
     TermTimedOut(force);
     EXPECT_EQ(force.CheckState(), TERMINATING);
     EXPECT_TRUE(force.isKillSent_);
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : term timeout and forceTerm is true, so kill appName=sm, pid=" +
-                                      std::to_string(victim.Pid()) + ",TERMINATING to TERMINATED"));
-    int status = victim.Reap();
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : term timeout and forceTerm is true, so kill appName=sm, pid=" +
+                                      std::to_string(victim) + ",TERMINATING to TERMINATED"));
+    int status = Support::ReapChild(victim);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     EXPECT_EQ(force.CheckState(), TERMINATING);
     EXPECT_EQ(LogCapture::Count("SendSignal: Successfully kill"), 1u);
@@ -238,7 +252,7 @@ TEST_F(StateMachineTest, RestartKillsTheOldProcessAndStartsTheNewOne)
     noBinary.SetExitStatus(SIGKILL);
     EXPECT_EQ(noBinary.CheckState(), TERMINATED);
     EXPECT_EQ(noBinary.reportState_, TERMINATED_ABNORMAL_EXIT);
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : RESTARTING to TERMINATED appName=sm, pid=601"));
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : RESTARTING to TERMINATED appName=sm, pid=601"));
 
     // The new process dying before the next step ends the restart.
     GeneralAppInfo shortLived = General(RESTARTING, 602);
@@ -246,39 +260,8 @@ TEST_F(StateMachineTest, RestartKillsTheOldProcessAndStartsTheNewOne)
     shortLived.SetExitStatus(W_EXITCODE(2, 0));
     EXPECT_EQ(shortLived.CheckState(), TERMINATED);
     EXPECT_EQ(shortLived.reportState_, TERMINATED_ABNORMAL_EXIT);
-    EXPECT_TRUE(HasLine(LOG_WARNING, "STAVIK : Process=sm, pid=602 was self terminated, the exit status is 2."));
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : RESTARTING to TERMINATED appName=sm, pid=602"));
-}
-
-TEST_F(StateMachineTest, DeadAndMeaninglessStates)
-{
-    // A dead base record is reported as newly dead at every step.
-    BaseAppInfo dead = Base(TERMINATED, 700);
-    EXPECT_EQ(dead.CheckState(), TERMINATED);
-    EXPECT_EQ(dead.CheckState(), TERMINATED);
-    EXPECT_EQ(dead.reportState_, TERMINATED_ABNORMAL_EXIT);
-    EXPECT_EQ(LogCapture::Count("STAVIK : Process sm got unexpected TERMINATED state"), 2u);
-
-    // A dead general record keeps the verdict of its death.
-    GeneralAppInfo ended = General(TERMINATED, 701);
-    ended.reportState_ = TERMINATED_NORMAL_EXIT;
-    EXPECT_EQ(ended.CheckState(), TERMINATED);
-    EXPECT_EQ(ended.reportState_, TERMINATED_NORMAL_EXIT);
-
-    BaseAppInfo stopping = Base(TERMINATING, 702);
-    EXPECT_EQ(stopping.CheckState(), TERMINATING);
-    stopping.SetExitStatus(SIGTERM);
-    EXPECT_EQ(stopping.CheckState(), TERMINATED);
-    EXPECT_EQ(stopping.reportState_, TERMINATED_NORMAL_EXIT);
-
-    EXPECT_EQ(General(INITSTATE, 703).CheckState(), INITSTATE);
-    EXPECT_TRUE(HasLine(LOG_ERR, "STAVIK : Process sm got unexpected state=0"));
-
-    GeneralAppInfo unstarted = General(STARTING, 0);
-    unstarted.reportState_ = RUNNING_ABNORMAL_TERM_TIMEOUT;
-    EXPECT_EQ(unstarted.CheckState(), STARTING);
-    EXPECT_EQ(unstarted.reportState_, RUNNING_ABNORMAL_TERM_TIMEOUT);
-    EXPECT_TRUE(HasLine(LOG_ERR, "CheckState : pid <= 0, don't call waitpid(), currentState=1"));
+    EXPECT_EQ(LOG_WARNING, LevelOf("STAVIK : Process=sm, pid=602 was self terminated, the exit status is 2."));
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : RESTARTING to TERMINATED appName=sm, pid=602"));
 }
 
 // A pid whose status is collected is neither asked about nor signalled: it
@@ -286,15 +269,16 @@ TEST_F(StateMachineTest, DeadAndMeaninglessStates)
 // through the real daemon in tests/e2e/child_start.
 TEST_F(StateMachineTest, CollectedPidIsLeftAlone)
 {
-    Support::SleepingChild stranger;
-    GeneralAppInfo ended = General(RUNNING, stranger.Pid());
+    const pid_t stranger = Support::SleepingChild();
+    GeneralAppInfo ended = General(RUNNING, stranger);
     ended.SetExitStatus(0);
     EXPECT_EQ(ended.QueryStopped(), 1);
     EXPECT_TRUE(ended.TermProcess());
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAVIK : TermProcess: appName=sm, pid=" + std::to_string(stranger.Pid()) +
+    EXPECT_EQ(LOG_INFO, LevelOf("STAVIK : TermProcess: appName=sm, pid=" + std::to_string(stranger) +
                                       " has already ended, no signal sent"));
     EXPECT_EQ(LogCapture::Count("SendSignal"), 0u);
-    EXPECT_EQ(kill(stranger.Pid(), 0), 0);
+    EXPECT_EQ(kill(stranger, 0), 0);
+    Support::KillAndReap(stranger);
 }
 
 } // namespace

@@ -12,32 +12,22 @@ namespace {
 
 class RequestCells : public ControlSteps {
 protected:
-    void Start(const std::vector<std::string>& names)
+    // Records of these names for a request of ownerB.
+    using Names = std::vector<std::string>;
+
+    template <typename Info>
+    static std::vector<Info> Named(const Names& names)
     {
-        std::vector<Message::StartAppInfo> apps;
-        for (const std::string& name : names) {
-            apps.push_back({name, {}, {}});
+        std::vector<Info> apps(names.size());
+        for (size_t i = 0; i < names.size(); ++i) {
+            apps[i].appName = names[i];
         }
-        daemon_->StartApp(apps, "ownerB");
+        return apps;
     }
 
-    void Restart(const std::vector<std::string>& names)
-    {
-        std::vector<Message::RestartAppInfo> apps;
-        for (const std::string& name : names) {
-            apps.push_back({name, {}, {}});
-        }
-        daemon_->RestartApp(apps, "ownerB");
-    }
-
-    void Term(const std::vector<std::string>& names)
-    {
-        std::vector<Message::TermAppInfo> apps;
-        for (const std::string& name : names) {
-            apps.push_back({name});
-        }
-        daemon_->TermApp(apps, "ownerB");
-    }
+    void Start(const Names& names) { daemon_->StartApp(Named<Message::StartAppInfo>(names), "ownerB"); }
+    void Restart(const Names& names) { daemon_->RestartApp(Named<Message::RestartAppInfo>(names), "ownerB"); }
+    void Term(const Names& names) { daemon_->TermApp(Named<Message::TermAppInfo>(names), "ownerB"); }
 
     // A terminated, a starting, an unstarted and an unstartable record.
     AppPtr StoreFourStates()

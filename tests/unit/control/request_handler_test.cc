@@ -1,5 +1,9 @@
-// Transport checks of an owner's record, dispatch by type, and the answers
-// that only the in-process handlers show.
+// Transport checks of an owner's record, dispatch by type, the answers that
+// only the in-process handlers show, priority applications at boot and
+// start-up files loaded on request.
+#include <algorithm>
+#include <tuple>
+
 #include "client/request_packer.h"
 #include "tests/unit/control/control_fixture.h"
 
@@ -83,6 +87,57 @@ TEST_F(RequestHandler, ReloadOverThePipeReadsTheOwnersOwnFileAndAnswersZero)
     EXPECT_EQ(LOG_INFO, LevelOf("SK receive RELOAD_STARTUP_CFG msg load file=/etc/elsewhere.yaml"));
     EXPECT_EQ(LOG_ERR, LevelOf("LoadStartCfgInfo failed, path=" + startup));
     EXPECT_TRUE(Count("ReLoadStartCfgInfo finish ret=0x0, fd="));
+}
+
+using StartupCfg = ControlSteps;
+
+TEST_F(StartupCfg, FailuresAtBootStopNeitherTheLoopNorTheBoot)
+{
+    Store({Probe("fine"), Broken("broken")});
+    PriorityAppList list;
+    for (const std::string name : {"broken", "nomanifest", "fine"}) {
+        list.push_back(PriorityAppEntry{1, name, "ownerA", ApplicationManifest()});
+        std::push_heap(list.begin(), list.end(), PriorityAppAfter());
+    }
+    daemon_->StartPriorityApps(list);
+
+    EXPECT_EQ(LOG_INFO, LevelOf("Start priority generalApp failed appName=broken, child_pid=0"));
+    EXPECT_EQ(TERMINATED, Lookup("broken")->state_);
+    EXPECT_EQ(TERMINATED_ABNORMAL_EXIT, Lookup("broken")->reportState_);
+    EXPECT_FALSE(IsLive("broken"));
+    EXPECT_EQ(LOG_ERR, LevelOf("STAVIK :StartPriorityApps : appName=nomanifest is nullptr"));
+    EXPECT_EQ(1u, Count("Start priority generalApp success appName=fine,"));
+    EXPECT_EQ(1u, Count("Start priority generalApp success"));
+
+    const std::string missing = sandbox_.Path("/etc/missing.yaml");
+    daemon_->InitPriorityApps(missing);
+    EXPECT_EQ(LOG_ERR, LevelOf("stavik-daemon LoadStartCfgInfo=" + missing + " failed"));
+    EXPECT_EQ(LOG_ERR, LevelOf("stavik-daemon InitPriorityApps failed LoadStartCfgInfo failed"));
+    EXPECT_EQ(0u, Count("InitPriorityApps load priority apps cfg finish"));
+    EXPECT_EQ(Message::SK_ERR_LOAD_STARTUP_CFG, daemon_->LoadStartCfgInfo(missing, list));
+}
+
+TEST_F(StartupCfg, ReloadUpdatesKnownRecordsFromTheTablesAsTheyStand)
+{
+    ManifestData first = Probe("a", {"--exit", "1"}), second = Probe("a", {"--exit", "2"}, "/opt/other");
+    first.restart = "on-failure";
+    second.coreAffinity = {255};
+    Store({first});
+    AppPtr app = Lookup("a");
+    app->pid_ = 42;
+    Store({second});
+    EXPECT_EQ((std::vector<std::string>{"--exit", "1"}), app->arguments_);
+
+    Message::StartupCfgInfo info;
+    info.path = sandbox_.Path("/etc/missing.yaml");
+    EXPECT_EQ(0u, daemon_->ReLoadStartCfgInfo(info));
+
+    EXPECT_TRUE(Count("LoadStartCfgInfo failed, path=" + info.path));
+    // The start description is taken; the policy, the owner and the process stay.
+    EXPECT_EQ(std::make_tuple(second.arguments, second.binPath, App::SK_SCHED_FIFO, std::string("on-failure"), 42),
+              std::make_tuple(app->arguments_, app->execPath_, app->schedPolicy_, app->restart_, app->pid_));
+    EXPECT_EQ("ownerA", app->ownerName_);
+    EXPECT_EQ(app, Lookup("a"));
 }
 
 } // namespace

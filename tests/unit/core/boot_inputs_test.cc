@@ -1,101 +1,37 @@
-// The daemon's own configuration file, the command-line reader's quirks, the
-// boot stamp and the watchdog set up from them, read in a sandbox root.
+// The watchdog set up from the configuration and the command line, in a
+// sandbox root; the configuration file itself is read in the upload runs.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdlib>
 
-#include "boot/cmdline.h"
 #include "boot/kernel_calls.h"
 #include "boot/stavik_cfg.h"
 #include "core/boot_context.h"
-#include "core/boot_strace.h"
 #include "core/log.h"
 #include "tests/support/sandbox.h"
 
 namespace Stavik {
 namespace {
 
-const std::string CFG_FILE = "/etc/qel/base-plat/stavik-daemon/stavik_cfg.yaml";
-
 class BootInputs : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        setenv("STAVIK_SYSROOT", box_.Root().c_str(), 1);
-        LogCapture::Begin();
-    }
+    void SetUp() override { Enter(box_); }
     void TearDown() override
     {
         LogCapture::End();
         unsetenv("STAVIK_SYSROOT");
     }
 
+    // Makes box the root of the fixed paths and starts a fresh capture.
+    static void Enter(const ::Stavik::Test::Sandbox& box)
+    {
+        setenv("STAVIK_SYSROOT", box.Root().c_str(), 1);
+        LogCapture::Begin();
+    }
+
     ::Stavik::Test::Sandbox box_;
 };
-
-struct CfgCase {
-    const char* text;  // nullptr: no file
-    bool wdEnable;
-    std::string timeout;
-    std::string action;
-    bool upload;
-    std::vector<std::string> lines;
-};
-
-TEST_F(BootInputs, ConfigurationFileFillsWhatItHasAndKeepsTheDefaultsElsewhere)
-{
-    const std::vector<CfgCase> cases = {
-        {nullptr, true, "60", "2", false, {"LoadStavikCfg file=" + box_.Path(CFG_FILE) + " failed. errno=2"}},
-        {"skupload:\n  enable: true\n", true, "60", "2", false, {"LoadWatchDogCfg not exist watch_dog key"}},
-        {"watch_dog: {}\nskupload: {}\n", true, "60", "2", true,
-         {"GetWatchDogEnable is null !", "GetWatchDogTimeout is null !", "GetWatchDogAction is null !",
-          "GetSkuploadEnable is null !", "STAVIK: LoadSkUploadCfg finish enable=1"}},
-        {"watch_dog:\n  enable: false\n  timeout: \"12a\"\n  action: \"3\"\n", false, "60", "2", false,
-         {"STAVIK: LoadWatchDogCfg finish enable=0, wdTimeout=60 s, wdAction=2",
-          "LoadSkUploadCfg not exist skupload key"}},
-        {"watch_dog:\n  timeout: \"\"\n  action: \"0\"\nskupload:\n  enable: false\n", true, "60", "0", false,
-         {"STAVIK: LoadSkUploadCfg finish enable=0"}},
-        {"watch_dog:\n  timeout: \"120\"\n  action: \"1\"\n", true, "120", "1", false, {}},
-        {"watch_dog: [unclosed\n", true, "60", "2", false,
-         {"LoadStavikCfg file=" + box_.Path(CFG_FILE) + " failed. init yaml node failed"}},
-    };
-    for (const CfgCase& c : cases) {
-        if (c.text != nullptr) {
-            box_.WriteFile(CFG_FILE, c.text);
-        }
-        LogCapture::Begin();
-        StavikCfg cfg;
-        LoadStavikCfg(CFG_FILE, cfg);
-        const std::string label = c.text == nullptr ? "no file" : c.text;
-        EXPECT_EQ(c.wdEnable, cfg.wdEnable) << label;
-        EXPECT_EQ(c.timeout, cfg.wdTimeout) << label;
-        EXPECT_EQ(c.action, cfg.wdAction) << label;
-        EXPECT_EQ(c.upload, cfg.skUploadEnable_) << label;
-        for (const std::string& line : c.lines) {
-            EXPECT_EQ(1u, LogCapture::Count(line)) << label << ": " << line;
-        }
-        // Bad values fall back without a line of their own.
-        EXPECT_EQ(0u, LogCapture::Count("12a")) << label;
-    }
-}
-
-TEST_F(BootInputs, BootArgumentsMatchTextNotWordsAndAKeyEndingTheLineIsAbsent)
-{
-    // The boot stamp's fraction survives, and without a frequency there is none.
-    EXPECT_EQ("[0.500000s][BOOT_TRACE][X]", FormatBootStrace(1, 2, "X"));
-    EXPECT_EQ("", FormatBootStrace(12345, 0, "SK"));
-
-    using Set = std::set<std::string>;
-    EXPECT_EQ((Set{"a", "boot:b"}), ParseBootArgs("x stavik=a,,boot:b, y=1", "stavik", ","));
-    EXPECT_EQ((Set{"a"}), ParseBootArgs("xstavik=a stavik=b", "stavik", ","));
-    EXPECT_EQ(Set{}, ParseBootArgs("stavik= quiet", "stavik", ","));
-    EXPECT_EQ(Set{}, ParseBootArgs("quiet", "stavik", ","));
-    EXPECT_EQ(1u, LogCapture::Count("key=stavik not found in cmdline."));
-    EXPECT_EQ(Set{}, ParseBootArgs("quiet stavik", "stavik", ","));
-    EXPECT_EQ(Set{}, ParseBootArgs("stavik=", "stavik", ","));
-    EXPECT_EQ(1u, LogCapture::Count("Stavik: cmdline key=stavik ends the line without a value, taken as absent"));
-}
 
 // What the watchdog asked of the kernel: the module parameters, or the
 // feeding ioctl and its argument.
@@ -139,33 +75,31 @@ TEST_F(BootInputs, WatchdogModuleFollowsCommandLineConfigurationAndModuleListAnd
          "Watchdog ko=sbsa_gwdt is already insert"},
         {false, false, true, true, "", false, true, "Watchdog ko checking, ko=sbsa_gwdt has not been inserted"},
     };
+    StavikCfg cfg;
+    cfg.wdTimeout = "30";
+    cfg.wdAction = "0";
     for (const Case& c : cases) {
         SCOPED_TRACE(c.line);
         ::Stavik::Test::Sandbox box;
-        setenv("STAVIK_SYSROOT", box.Root().c_str(), 1);
+        Enter(box);
         box.WriteFile("/proc/modules", c.modules);
         if (c.koFile) {
             box.WriteFile("/var/sbsa_gwdt.ko", "not a module");
         }
         context.yrncoreEnable_ = c.yrncore;
         context.disableWatchDog_ = c.noWatchdog;
-        StavikCfg cfg;
         cfg.wdEnable = c.enable;
-        cfg.wdTimeout = "30";
-        cfg.wdAction = "0";
         kernelRequests.clear();
-        LogCapture::Begin();
         EXPECT_EQ(c.result, context.InsertWatchdogKo(cfg));
         EXPECT_EQ(1u, LogCapture::Count(c.line));
         ASSERT_EQ(c.loads ? 1u : 0u, kernelRequests.size());
-        if (c.loads) {
-            EXPECT_EQ(params, kernelRequests[0].params);
-            EXPECT_EQ(0u, kernelRequests[0].arg);
+        for (const KernelRequest& load : kernelRequests) {
+            EXPECT_EQ(std::make_pair(params, 0ul), std::make_pair(load.params, load.arg));
         }
     }
     context.yrncoreEnable_ = context.disableWatchDog_ = false;
 
-    setenv("STAVIK_SYSROOT", box_.Root().c_str(), 1);
+    Enter(box_);
     kernelRequests.clear();
     EXPECT_FALSE(context.EnableFeedDog(StavikCfg()));
     EXPECT_TRUE(LogCapture::Contains("EnableFeedDog failed. open device=/local/dev/yrnutil_watchdog failed errno=2"));
@@ -173,8 +107,7 @@ TEST_F(BootInputs, WatchdogModuleFollowsCommandLineConfigurationAndModuleListAnd
     box_.WriteFile("/local/dev/yrnutil_watchdog", "");
     EXPECT_TRUE(context.EnableFeedDog(StavikCfg()));
     ASSERT_EQ(1u, kernelRequests.size());
-    EXPECT_EQ(0xC0085701u, kernelRequests[0].request);
-    EXPECT_EQ(60000u, kernelRequests[0].arg);
+    EXPECT_EQ(std::make_pair(0xC0085701ul, 60000ul), std::make_pair(kernelRequests[0].request, kernelRequests[0].arg));
     CurrentKernelCalls() = saved;
 }
 

@@ -4,17 +4,19 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
 #include "core/boot_context.h"
-#include "core/log.h"
 #include "core/stavik_daemon.h"
-#include "tests/support/daemon_process.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/app/app_test_util.h"
 
 namespace Stavik {
 namespace SupervisionTest {
+
+using AppTest::LevelOf;
 
 // One daemon object, driven step by step without Run(), over empty
 // process-wide tables, with the log captured and every fixed path inside a
@@ -24,9 +26,10 @@ protected:
     void SetUp() override
     {
         setenv("STAVIK_SYSROOT", sandbox_.Root().c_str(), 1);
+        ::Stavik::Test::MakeDirs(sandbox_.TubixDir());
         setenv("TUBIX_DIR", sandbox_.TubixDir().c_str(), 1);
+        setenv("PROC_NAME", "STAVIK", 1);
         ClearTables();
-        BootContext::Instance().enableFeatures_.clear();
         daemon_.reset(new StavikDaemon("unused.yaml"));
         LogCapture::Begin();
     }
@@ -36,21 +39,19 @@ protected:
         LogCapture::End();
         daemon_.reset();
         ClearTables();
-        BootContext::Instance().enableFeatures_.clear();
-        unsetenv("STAVIK_SYSROOT");
+        for (const char* name : {"PROC_NAME", "TUBIX_DIR", "STAVIK_SYSROOT"}) {
+            unsetenv(name);
+        }
     }
 
     static void ClearTables()
     {
-        {
-            std::lock_guard<std::mutex> lock(baseAppMutex_);
-            executedBaseApp_.clear();
-        }
-        {
-            std::lock_guard<std::mutex> lock(generalAppMutex_);
-            generalAppMap_.clear();
-        }
+        std::lock_guard<std::mutex> generalLock(generalAppMutex_);
+        std::lock_guard<std::mutex> baseLock(baseAppMutex_);
+        executedBaseApp_.clear();
+        generalAppMap_.clear();
         baseManifests_.clear();
+        BootContext::Instance().enableFeatures_.clear();
     }
 
     static ManifestData Data(const std::string& name, const std::string& restart = "")
@@ -88,29 +89,13 @@ protected:
         return app;
     }
 
-    // A copy of the base record of this name, or an empty one with pid -1.
+    // A copy of the base record of this name, or an empty one.
     static App::BaseAppInfo BaseCopy(const std::string& name)
     {
         std::lock_guard<std::mutex> lock(baseAppMutex_);
-        for (const App::BaseAppInfo& app : executedBaseApp_) {
-            if (app.appName_ == name) {
-                return app;
-            }
-        }
-        App::BaseAppInfo none{ApplicationManifest()};
-        none.pid_ = -1;
-        return none;
-    }
-
-    // Level of the first captured line holding text, or -1.
-    static int LevelOf(const std::string& text)
-    {
-        for (const CapturedLine& line : LogCapture::Lines()) {
-            if (line.text.find(text) != std::string::npos) {
-                return line.level;
-            }
-        }
-        return -1;
+        auto found = std::find_if(executedBaseApp_.begin(), executedBaseApp_.end(),
+                                  [&name](const App::BaseAppInfo& app) { return app.appName_ == name; });
+        return found == executedBaseApp_.end() ? App::BaseAppInfo{ApplicationManifest()} : *found;
     }
 
     ::Stavik::Test::Sandbox sandbox_;
