@@ -7,10 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-
 #include <gtest/gtest.h>
 
 #include "app/app_info.h"
+#include "app/child_setup.h"
+#include "app/child_text.h"
 #include "app/home_env.h"
 #include "app/start_check.h"
 #include "core/log.h"
@@ -145,6 +146,44 @@ TEST(StartCheck, ShellTokensInArgumentsAndExecuteRightsByTheConfiguredUid)
         }
     }
     EXPECT_FALSE(IsUserInGroup(54321, 0)) << "no passwd entry, no group";
+}
+
+// Each fragment of a failed identity switch, told from a forked child, since
+// the switch changes the identity of the process it runs in.
+TEST(ChildIdentity, EachFailedStepIsToldAndEndsTheSwitch)
+{
+    const uint32_t invalid = static_cast<uint32_t>(-1);
+    struct Case {
+        uint32_t uid, gid;
+        bool hasUser;
+        errno_t wipeResult;
+        bool switched;
+        std::string told;
+    };
+    const Case cases[] = {
+        {0, 0, false, EOK, false, "getpwuid is null;"},
+        {0, 0, true, 1, true, "SetGroups memset_s failed error=1;"},
+        {0, invalid, true, EOK, false, "SetAppGid=4294967295 failed error=22;"},
+        {invalid, 0, true, EOK, false, "SetAppUid=4294967295,failed error=22;"},
+    };
+    for (const Case& c : cases) {
+        Support::ChildMsgPipe pipe;
+        UserGroups groups;
+        groups.hasUser = c.hasUser;
+        groups.isListed = true;
+        groups.wipeResult = c.wipeResult;
+        ChildText text;
+        text.Prepare("id", 0);
+        pid_t pid = fork();
+        if (pid == 0) {
+            text.Begin(1);
+            bool switched = SetAppIdentity(c.uid, c.gid, groups, text);
+            text.Send(BootContext::Instance().childMsgPipe_[1]);
+            _exit(switched ? 0 : 1);
+        }
+        EXPECT_EQ(Support::ReapChild(pid), W_EXITCODE(c.switched ? 0 : 1, 0)) << c.told;
+        EXPECT_EQ(pipe.ReadAll(), "app=id,pid=1," + c.told);
+    }
 }
 
 } // namespace
