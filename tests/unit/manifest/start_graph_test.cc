@@ -110,18 +110,4 @@ TEST_F(StartGraphTest, LaterFilesKeepTheBaseGraphAndTheLastReadDependsCount)
     EXPECT_EQ(GraphOf({"a", "b"}), (Levels{{"a"}, {"b"}}));
 }
 
-TEST_F(StartGraphTest, GraphFilledByHandStillMovesOnPastACycle)
-{
-    DependGraph graph;
-    EXPECT_TRUE(graph.IsEmpty());
-    graph.AddVertex("q", {"p"});
-    graph.AddVertex("p", {"q"});
-    graph.AddVertex("r", {"p", "elsewhere"});
-    graph.AddVertex("r", {"q"});
-    EXPECT_FALSE(graph.IsEmpty());
-    EXPECT_EQ(Drain(graph), (Levels{{"p"}, {"q"}, {"r"}}));
-    EXPECT_EQ(LogTexts(LOG_ERR),
-              (std::vector<std::string>{"Stavik: dependency cycle among p, q, r; p is started first"}));
-}
-
 } // namespace
