@@ -10,30 +10,10 @@ using Message::DynamicParaMap;
 using Message::RestartAppInfo;
 using Message::StartAppInfo;
 using Message::TermAppInfo;
+using WireTest::Rendered;
 using WireTest::TextRecord;
 
 class UnpackTest : public WireTest::LoggedTest {};
-
-// Every member of each entry, as "name:argv,...:slot=value,...".
-template <typename AppInfo>
-std::vector<std::string> Rendered(const std::vector<AppInfo>& apps)
-{
-    std::vector<std::string> texts;
-    for (const AppInfo& app : apps) {
-        std::string text = app.appName + ":";
-        for (const std::string& arg : app.argv) {
-            text += arg + ",";
-        }
-        for (const auto& slot : app.dynamicPara) {
-            text += ":" + std::to_string(slot.first) + "=";
-            for (const std::string& value : slot.second) {
-                text += value + ",";
-            }
-        }
-        texts.push_back(text);
-    }
-    return texts;
-}
 
 // The entries of a start, restart or term body as the given owner sent it.
 std::vector<std::string> Unpacked(uint32_t type, const std::string& body, const std::string& owner)
