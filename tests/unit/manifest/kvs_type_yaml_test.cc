@@ -53,10 +53,6 @@ watch_dog: {enable: yes, timeout: 12a}
     ASSERT_TRUE(watchDog.GetSubKvs("timeout", value));
     EXPECT_EQ(value.GetString(), "12a");
     EXPECT_EQ(value.GetUint64(), 0u);
-    EXPECT_FALSE(value.GetSubKvs("anything", value));
-    std::vector<KvsTypeYaml> items(2);
-    EXPECT_FALSE(value.GetArray(items));
-    EXPECT_TRUE(items.empty());
 }
 
 TEST_F(KvsTest, BadFilesFailAndViewsOutliveTheirRoot)
