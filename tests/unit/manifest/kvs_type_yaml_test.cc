@@ -17,7 +17,6 @@ TEST_F(KvsTest, GroupsListsAndWrongTypes)
   - GROUP_B:
       mem_size: big
   - GROUP_C
-admin_pro_lists: [app1, app2]
 by_map:
   G1: {mem_size: 18446744073709551615}
   G2: {mem_size: -1}
@@ -41,8 +40,6 @@ watch_dog: {enable: yes, timeout: 12a}
     EXPECT_EQ(keys, (std::vector<std::string>{"GROUP_A", "GROUP_B", "GROUP_C", "G1", "G2"}));
     EXPECT_EQ(sizes, (std::vector<uint64_t>{1024, 0, 77, UINT64_MAX, 0}));
     KvsTypeYaml value;
-    ASSERT_TRUE(root.GetSubKvs("admin_pro_lists", value));
-    EXPECT_EQ(value.GetSequenceString(), (std::vector<std::string>{"app1", "app2"}));
     EXPECT_FALSE(root.GetSubKvs("add_all_groups_white_lists", value));
 
     KvsTypeYaml watchDog;

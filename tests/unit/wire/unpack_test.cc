@@ -112,7 +112,7 @@ TEST_F(UnpackTest, DynamicParaBounds)
     }
 }
 
-TEST_F(UnpackTest, SingleRecordBodies)
+TEST_F(UnpackTest, SingleRecordBodiesAndMatchData)
 {
     Message::BaseServiceStateInfo state;
     // Blanks before a number are skipped and any character separates.
@@ -128,11 +128,7 @@ TEST_F(UnpackTest, SingleRecordBodies)
     EXPECT_EQ(exec.pid, 12u);
     EXPECT_EQ(exec.gid, 0u);
     EXPECT_EQ(exec.state, 9u);
-    ExpectNoLine();
-}
 
-TEST_F(UnpackTest, MatchDataAndPath)
-{
     // A count of 0 or of 102400 pairs reads none; a repeated key keeps its first value.
     const std::tuple<uint32_t, const char*, const char*, std::map<std::string, std::string>> rows[] = {
         {Message::LOAD_STARTUP_CFG, "1#/etc/x.yaml#0#k#v#", "/etc/x.yaml", {}},

@@ -60,15 +60,8 @@ inline std::vector<std::string> Rendered(const std::vector<AppInfo>& apps)
 // Captures the log of each test, so that lines can be asserted word for word.
 class LoggedTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        LogCapture::Begin();
-    }
-
-    void TearDown() override
-    {
-        LogCapture::End();
-    }
+    void SetUp() override { LogCapture::Begin(); }
+    void TearDown() override { LogCapture::End(); }
 
     static std::vector<CapturedLine> TakeLines()
     {
