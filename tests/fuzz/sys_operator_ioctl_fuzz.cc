@@ -2,7 +2,6 @@
 // them: any command, any size, any bytes. Thread ids are pointed at an idle
 // thread of this process and groups live in a scratch state directory, so
 // the run touches nothing else of the host.
-#include <ftw.h>
 #include <sched.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
@@ -10,6 +9,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,11 +29,6 @@ const uint32_t RECORD_SIZES[SYS_OP_CMD_NUM] = {sizeof(BindThreadMsg), sizeof(Mem
                                                sizeof(MempodGrpAddProcMsg), sizeof(MempodGrpQueryMsg),
                                                sizeof(SetSchedulerMsg)};
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*)
-{
-    return remove(path);
-}
-
 // Groups go to a scratch directory, removed at exit; threads named by a
 // record become one idle thread of this process.
 struct Scratch {
@@ -52,7 +47,11 @@ struct Scratch {
             sched_yield();
         }
     }
-    ~Scratch() { nftw(path.c_str(), RemoveEntry, 8, FTW_DEPTH | FTW_PHYS); }
+    ~Scratch()
+    {
+        std::error_code error;
+        std::filesystem::remove_all(path, error);
+    }
 
     std::string path;
     std::atomic<int32_t> tid{0};

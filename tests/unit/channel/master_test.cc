@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -51,11 +52,7 @@ protected:
         sandbox_ = new ::Stavik::Test::Sandbox();
         setenv("TUBIX_DIR", sandbox_->TubixDir().c_str(), 1);
         setenv("PROC_NAME", OWNER, 1);
-        TubixServerParam param{};
-        param.connectCallback = OnConnect;
-        param.requestCallback = OnRequest;
-        param.maxConnections = 0;
-        param.threadNum = 1;
+        TubixServerParam param{OnConnect, OnRequest, 0, 1, 0};
         ASSERT_EQ(0, TubixCreateServer(&param));
     }
     static void TearDownTestSuite()
@@ -78,9 +75,16 @@ size_t OpenSockets()
     return sockets;
 }
 
-int32_t NewestServerFd(size_t known)
+// The server's end of the pipe that the registration opens.
+int32_t ServerFdOf(const std::function<bool()>& registration)
 {
+    size_t known = 0;
+    {
+        std::lock_guard<std::mutex> guard(Server().mutex);
+        known = Server().fds.size();
+    }
     int32_t fd = 0;
+    EXPECT_TRUE(registration());
     ::Stavik::Test::WaitUntil([&] {
         std::lock_guard<std::mutex> guard(Server().mutex);
         fd = Server().fds.size() > known ? Server().fds.back() : 0;
@@ -89,41 +93,30 @@ int32_t NewestServerFd(size_t known)
     return fd;
 }
 
-size_t KnownServerFds()
-{
-    std::lock_guard<std::mutex> guard(Server().mutex);
-    return Server().fds.size();
-}
-
-TEST_F(MasterTest, OpenOfAMissingServiceIsRepeatedOnceAndLeavesMinusOne)
+// Records travelling both ways, with the owner's name bound to its requests,
+// are proven by the daemon's control runs.
+TEST_F(MasterTest, FailedOpensSendsAndClosesAreLoggedAndLeaveNoEntry)
 {
     Master master;
-    EXPECT_FALSE(master.RegServiceCallBack("nobody_listens", 7, [](int32_t, const TubixRequest*, std::string) {}));
+    const OwnerRequestHandler ignore = [](int32_t, const TubixRequest*, std::string) {};
+    EXPECT_FALSE(master.RegServiceCallBack("nobody_listens", 7, ignore));
     EXPECT_EQ(1u, LogCapture::Count("STAVIK : TubixOpen failed, try again"));
     EXPECT_TRUE(LogCapture::Contains("STAVIK : RegServiceCallBack failed!! ret=-11, errno="));
     EXPECT_EQ(-1, master.GetOwnerFd("nobody_listens"));
-    EXPECT_EQ(-1, master.GetOwnerFd("never_registered"));
-
-    EXPECT_FALSE(master.RegServiceCallBack("", 0, [](int32_t, const TubixRequest*, std::string) {}));
+    EXPECT_FALSE(master.RegServiceCallBack("", 0, ignore));
     EXPECT_TRUE(LogCapture::Contains("STAVIK : RegServiceCallBack failed: procName is null"));
-}
 
-// Records travelling both ways, with the owner's name bound to its requests,
-// are proven by the daemon's control runs.
-TEST_F(MasterTest, ClosedPipeFailsTheFirstRecordAndStops)
-{
-    Master master;
-    ASSERT_TRUE(master.RegServiceCallBack(OWNER, 0, [](int32_t, const TubixRequest*, std::string) {}));
+    ASSERT_TRUE(master.RegServiceCallBack(OWNER, 0, ignore));
     int32_t fd = master.GetOwnerFd(OWNER);
     master.UnRegServiceCallBack(OWNER);
     EXPECT_TRUE(LogCapture::Contains("STAVIK : Master UnRegServiceCallBack success proName: " + std::string(OWNER) +
                                      " fd: " + std::to_string(fd)));
     EXPECT_EQ(-1, master.GetOwnerFd(OWNER));
 
+    // A closed pipe fails the first record and the rest are not tried.
     std::vector<Message::RequestMsg> records(3, TextRecord(4, "0#"));
     EXPECT_FALSE(master.SendRequestMsg(fd, records));
     EXPECT_EQ(1u, LogCapture::Count("STAVIK : Master SendRequestMsg failed, err code="));
-
     EXPECT_FALSE(master.SendRequestMsg(fd, {}));
     EXPECT_TRUE(LogCapture::Contains("STAVIK : Master SendRequestMsg failed: RequestPieceMsg is empty"));
 
@@ -144,17 +137,14 @@ TEST_F(MasterTest, ClosesNeverWaitOnACallbackAndLeaveNoSocket)
             std::lock_guard<std::mutex> lock(baseAppMutex_);
         }
     };
-    size_t known = KnownServerFds();
-    ASSERT_TRUE(master.RegServiceCallBack(OWNER, 0, handler));
+    auto registration = [&] { return master.RegServiceCallBack(OWNER, 0, handler); };
+    ServerFdOf(registration);
     int32_t first = master.GetOwnerFd(OWNER);
-    NewestServerFd(known);
 
     // A restart registers again: the old pipe is closed, not left behind.
-    known = KnownServerFds();
-    ASSERT_TRUE(master.RegServiceCallBack(OWNER, 0, handler));
+    int32_t serverFd = ServerFdOf(registration);
     EXPECT_NE(first, master.GetOwnerFd(OWNER));
     EXPECT_EQ(-9, TubixClosePipe(first));
-    int32_t serverFd = NewestServerFd(known);
 
     std::chrono::steady_clock::duration took{};
     {
@@ -169,7 +159,8 @@ TEST_F(MasterTest, ClosesNeverWaitOnACallbackAndLeaveNoSocket)
     EXPECT_LT(took, std::chrono::milliseconds(1000));
     EXPECT_TRUE(LogCapture::Contains("STAVIK : Master UnRegServiceCallBack success proName: " + std::string(OWNER)));
     EXPECT_FALSE(LogCapture::Contains("UnRegServiceCallBack failed"));
-    EXPECT_TRUE(::Stavik::Test::WaitUntil([&] { return OpenSockets() == socketsBefore; }))
+    // The server's end of an earlier test's pipe may still be closing when counted before.
+    EXPECT_TRUE(::Stavik::Test::WaitUntil([&] { return OpenSockets() <= socketsBefore; }))
         << OpenSockets() << " sockets, " << socketsBefore << " before";
 }
 

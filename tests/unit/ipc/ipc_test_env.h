@@ -20,11 +20,7 @@ using Stavik::Test::WaitUntil;
 // Every test gets its own runtime directory as TUBIX_DIR, removed afterwards.
 class TubixDirTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        setenv("TUBIX_DIR", dir_.c_str(), 1);
-        unsetenv("TUBIX_OPEN_TIMEOUT_MS");
-    }
+    void SetUp() override { setenv("TUBIX_DIR", dir_.c_str(), 1); }
 
     Stavik::Test::Sandbox sandbox_;
     const std::string dir_ = sandbox_.TubixDir();

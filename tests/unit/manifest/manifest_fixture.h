@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -23,16 +24,6 @@ protected:
 
     std::string Dir() const { return sandbox_.Root(); }
 
-    // Number of captured lines at this level that hold the text.
-    static size_t LogCount(int level, const std::string& text)
-    {
-        size_t count = 0;
-        for (const Stavik::CapturedLine& line : Stavik::LogCapture::Lines()) {
-            count += (line.level == level && line.text.find(text) != std::string::npos) ? 1 : 0;
-        }
-        return count;
-    }
-
     static std::vector<std::string> LogTexts(int level)
     {
         std::vector<std::string> texts;
@@ -42,6 +33,14 @@ protected:
             }
         }
         return texts;
+    }
+
+    // Number of captured lines at this level that hold the text.
+    static size_t LogCount(int level, const std::string& text)
+    {
+        std::vector<std::string> texts = LogTexts(level);
+        return std::count_if(texts.begin(), texts.end(),
+                             [&](const std::string& line) { return line.find(text) != std::string::npos; });
     }
 
 private:

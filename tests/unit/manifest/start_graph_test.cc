@@ -46,7 +46,7 @@ protected:
     ParseAndDepend parser_;
 };
 
-TEST_F(StartGraphTest, LevelsFollowDependenciesThatAreVertices)
+TEST_F(StartGraphTest, LevelsFollowDependenciesThatAreVerticesAndCyclesAreBrokenOnce)
 {
     Parse("base.yaml", R"(apps:
   - name: a
@@ -59,17 +59,6 @@ TEST_F(StartGraphTest, LevelsFollowDependenciesThatAreVertices)
   - name: e
     depends: [a, disabled]
   - name: disabled
-)");
-    // "ghost" has no manifest and so no dependencies; "disabled" is no vertex.
-    EXPECT_EQ(GraphOf({"e", "d", "c", "b", "a", "ghost"}), (Levels{{"a", "d", "ghost"}, {"b", "e"}, {"c"}}));
-    EXPECT_EQ(GraphOf({"c", "b"}), (Levels{{"b"}, {"c"}}));
-    EXPECT_TRUE(GraphOf({}).empty());
-    EXPECT_EQ(LogTexts(LOG_ERR).size(), 0u);
-}
-
-TEST_F(StartGraphTest, CyclesAreBrokenOnceWithTheirMembersNamed)
-{
-    Parse("cycle.yaml", R"(apps:
   - name: y
     depends: [z]
   - name: x
@@ -81,6 +70,13 @@ TEST_F(StartGraphTest, CyclesAreBrokenOnceWithTheirMembersNamed)
   - name: s
     depends: [s]
 )");
+    // "ghost" has no manifest and so no dependencies; "disabled" is no vertex.
+    EXPECT_EQ(GraphOf({"e", "d", "c", "b", "a", "ghost"}), (Levels{{"a", "d", "ghost"}, {"b", "e"}, {"c"}}));
+    EXPECT_EQ(GraphOf({"c", "b"}), (Levels{{"b"}, {"c"}}));
+    EXPECT_TRUE(GraphOf({}).empty());
+    EXPECT_EQ(LogTexts(LOG_ERR).size(), 0u);
+
+    // Each cycle is cut once, with its members named, the same whatever the order of the names.
     const Levels expected = {{"s", "x"}, {"w", "z"}, {"y"}};
     EXPECT_EQ(GraphOf({"w", "x", "y", "z", "s"}), expected);
     EXPECT_EQ(LogTexts(LOG_ERR), (std::vector<std::string>{
@@ -88,7 +84,6 @@ TEST_F(StartGraphTest, CyclesAreBrokenOnceWithTheirMembersNamed)
                                      "Stavik: manifest dependency cycle x -> y -> z -> x; "
                                      "x is started without waiting for y",
                                  }));
-    // The same cut whatever the order of the names.
     EXPECT_EQ(GraphOf({"s", "z", "y", "x", "w"}), expected);
 }
 
@@ -108,20 +103,6 @@ TEST_F(StartGraphTest, LaterFilesKeepTheBaseGraphAndTheLastReadDependsCount)
     EXPECT_EQ(GraphOf({"a", "b"}), (Levels{{"b"}, {"a"}}));
     Parse("base.yaml", base);
     EXPECT_EQ(GraphOf({"a", "b"}), (Levels{{"a"}, {"b"}}));
-}
-
-TEST_F(StartGraphTest, GraphFilledByHandStillMovesOnPastACycle)
-{
-    DependGraph graph;
-    EXPECT_TRUE(graph.IsEmpty());
-    graph.AddVertex("q", {"p"});
-    graph.AddVertex("p", {"q"});
-    graph.AddVertex("r", {"p", "elsewhere"});
-    graph.AddVertex("r", {"q"});
-    EXPECT_FALSE(graph.IsEmpty());
-    EXPECT_EQ(Drain(graph), (Levels{{"p"}, {"q"}, {"r"}}));
-    EXPECT_EQ(LogTexts(LOG_ERR),
-              (std::vector<std::string>{"Stavik: dependency cycle among p, q, r; p is started first"}));
 }
 
 } // namespace

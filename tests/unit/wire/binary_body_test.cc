@@ -22,7 +22,7 @@ RequestMsg QueryRecord(const std::string& body)
     return WireTest::TextRecord(Message::QUERY_APP_STATE, body);
 }
 
-TEST_F(BinaryBodyTest, QueryBodyIsReadWithinItsSize)
+TEST_F(BinaryBodyTest, QueryBodyIsReadWithinItsSizeAndABadOneGivesAnEmptyList)
 {
     std::vector<std::string> names;
     const std::string good = Word(3) + Word(4) + "appA" + Word(0) + Word(1) + "b";
@@ -36,10 +36,7 @@ TEST_F(BinaryBodyTest, QueryBodyIsReadWithinItsSize)
     EXPECT_TRUE(Serialization::ReadQueryAppStateBody(QueryRecord(Word(0)), names));
     EXPECT_TRUE(names.empty());
     ExpectNoLine();
-}
 
-TEST_F(BinaryBodyTest, BadQueryBodiesLogAndGiveAnEmptyList)
-{
     const RequestMsg shortBody = QueryRecord(Word(1) + Word(1) + "a");
     const std::vector<std::pair<std::string, RequestMsg>> cases = {
         {"size 3", WireTest::WithSize(shortBody, 3)},
@@ -58,7 +55,7 @@ TEST_F(BinaryBodyTest, BadQueryBodiesLogAndGiveAnEmptyList)
     }
 }
 
-TEST_F(BinaryBodyTest, DetailStatusIsWrittenInNameOrderWithoutClearing)
+TEST_F(BinaryBodyTest, DetailStatusIsWrittenInNameOrderWithoutClearingOrFailsWhole)
 {
     RequestMsg msg;
     memset(&msg, 0xab, sizeof(msg));
@@ -72,12 +69,8 @@ TEST_F(BinaryBodyTest, DetailStatusIsWrittenInNameOrderWithoutClearing)
     ASSERT_TRUE(Serialization::WriteAppDetailStatusBody({}, msg));
     EXPECT_EQ(msg.size, 4u);
     ExpectNoLine();
-}
 
-TEST_F(BinaryBodyTest, DetailStatusThatDoesNotFitFailsWhole)
-{
-    // One entry takes 4 + 4 + name + 4 bytes of the 3964.
-    RequestMsg msg;
+    // One entry takes 4 + 4 + name + 4 bytes of the 3964; what does not fit fails whole.
     memset(&msg, 0, sizeof(msg));
     ASSERT_TRUE(Serialization::WriteAppDetailStatusBody({{std::string(3952, 'n'), 1}}, msg));
     EXPECT_EQ(msg.size, sizeof(msg.data));

@@ -18,7 +18,7 @@ AppStateInfo EntryOfLength(size_t length, char fill = 'n')
     return AppStateInfo{std::string(length - 9, fill), 1, 2, 3, 4};
 }
 
-TEST_F(PackCombineTest, PieceThatPassesThePackerButNotTheCombinerLeavesNoRecord)
+TEST_F(PackCombineTest, EntriesPastWhatARecordHoldsLeaveNoRecordOrStopThePacker)
 {
     for (size_t length = 3956; length <= 3959; ++length) {
         std::vector<PackedPiece> pieces;
@@ -39,11 +39,9 @@ TEST_F(PackCombineTest, PieceThatPassesThePackerButNotTheCombinerLeavesNoRecord)
     ASSERT_EQ(msgs.size(), 1u);
     EXPECT_EQ(msgs[0].size, 3957u);
     ExpectNoLine();
-}
 
-TEST_F(PackCombineTest, PackerStopsAtTheFirstEntryOver3959Bytes)
-{
-    std::vector<PackedPiece> pieces;
+    // The packer stops at the first entry over 3959 bytes.
+    pieces.clear();
     AppStateInfo tooLong = EntryOfLength(3960, 'z');
     EXPECT_FALSE(Serialization::StavikPackAppStateRequest({EntryOfLength(20), tooLong, EntryOfLength(30)}, pieces));
     // What came before stays; the caller drops it.

@@ -1,4 +1,5 @@
 #include <sstream>
+#include <tuple>
 
 #include "channel/serialization.h"
 #include "wire_test_support.h"
@@ -10,30 +11,10 @@ using Message::DynamicParaMap;
 using Message::RestartAppInfo;
 using Message::StartAppInfo;
 using Message::TermAppInfo;
+using WireTest::Rendered;
 using WireTest::TextRecord;
 
 class UnpackTest : public WireTest::LoggedTest {};
-
-// Every member of each entry, as "name:argv,...:slot=value,...".
-template <typename AppInfo>
-std::vector<std::string> Rendered(const std::vector<AppInfo>& apps)
-{
-    std::vector<std::string> texts;
-    for (const AppInfo& app : apps) {
-        std::string text = app.appName + ":";
-        for (const std::string& arg : app.argv) {
-            text += arg + ",";
-        }
-        for (const auto& slot : app.dynamicPara) {
-            text += ":" + std::to_string(slot.first) + "=";
-            for (const std::string& value : slot.second) {
-                text += value + ",";
-            }
-        }
-        texts.push_back(text);
-    }
-    return texts;
-}
 
 // The entries of a start, restart or term body as the given owner sent it.
 std::vector<std::string> Unpacked(uint32_t type, const std::string& body, const std::string& owner)
@@ -119,20 +100,19 @@ TEST_F(UnpackTest, DynamicParaBounds)
     EXPECT_EQ(para, (DynamicParaMap{{0, {"a", "b"}}}));
     ExpectNoLine();
 
-    std::istringstream badIndex("1#3#1#x#");
-    EXPECT_FALSE(Serialization::UnPackDynamicPara(badIndex, para));
-    ExpectOneLine(LOG_ERR, "Stavik : StavikMaster unpack request failed, dynamicPara index=3 invalid");
-
-    std::istringstream badSize("4#");
-    EXPECT_FALSE(Serialization::UnPackDynamicPara(badSize, para));
-    ExpectOneLine(LOG_ERR, "Stavik : StavikMaster unpack request failed, dynamicParaSize=4 invalid");
-
-    std::istringstream badValueNum("1#-2#1025#");
-    EXPECT_FALSE(Serialization::UnPackDynamicPara(badValueNum, para));
-    ExpectOneLine(LOG_ERR, "Stavik : StavikMaster unpack request failed, dynamicPara index=-2, valueNum=1025 invalid");
+    const std::pair<const char*, const char*> bad[] = {
+        {"1#3#1#x#", "dynamicPara index=3 invalid"},
+        {"4#", "dynamicParaSize=4 invalid"},
+        {"1#-2#1025#", "dynamicPara index=-2, valueNum=1025 invalid"},
+    };
+    for (const auto& [text, error] : bad) {
+        std::istringstream in(text);
+        EXPECT_FALSE(Serialization::UnPackDynamicPara(in, para)) << text;
+        ExpectOneLine(LOG_ERR, std::string("Stavik : StavikMaster unpack request failed, ") + error);
+    }
 }
 
-TEST_F(UnpackTest, SingleRecordBodies)
+TEST_F(UnpackTest, SingleRecordBodiesAndMatchData)
 {
     Message::BaseServiceStateInfo state;
     // Blanks before a number are skipped and any character separates.
@@ -148,27 +128,19 @@ TEST_F(UnpackTest, SingleRecordBodies)
     EXPECT_EQ(exec.pid, 12u);
     EXPECT_EQ(exec.gid, 0u);
     EXPECT_EQ(exec.state, 9u);
-    ExpectNoLine();
-}
 
-TEST_F(UnpackTest, MatchDataAndPath)
-{
-    Message::StartupCfgInfo info;
-    Serialization::StavikUnpackMatchDataAndPathRequest(TextRecord(Message::LOAD_STARTUP_CFG, "1#/etc/x.yaml#0#k#v#"),
-                                                       info);
-    EXPECT_EQ(info.path, "/etc/x.yaml");
-    EXPECT_TRUE(info.matchData.empty());
-
-    info = {};
-    Serialization::StavikUnpackMatchDataAndPathRequest(
-        TextRecord(Message::RELOAD_STARTUP_CFG, "1#/p#102400#k#v#"), info);
-    EXPECT_EQ(info.path, "/p");
-    EXPECT_TRUE(info.matchData.empty());
-
-    info = {};
-    Serialization::StavikUnpackMatchDataAndPathRequest(
-        TextRecord(Message::LOAD_STARTUP_CFG, "1#/p#3#k#v1#k#v2#j#w#"), info);
-    EXPECT_EQ(info.matchData, (std::map<std::string, std::string>{{"k", "v1"}, {"j", "w"}}));
+    // A count of 0 or of 102400 pairs reads none; a repeated key keeps its first value.
+    const std::tuple<uint32_t, const char*, const char*, std::map<std::string, std::string>> rows[] = {
+        {Message::LOAD_STARTUP_CFG, "1#/etc/x.yaml#0#k#v#", "/etc/x.yaml", {}},
+        {Message::RELOAD_STARTUP_CFG, "1#/p#102400#k#v#", "/p", {}},
+        {Message::LOAD_STARTUP_CFG, "1#/p#3#k#v1#k#v2#j#w#", "/p", {{"k", "v1"}, {"j", "w"}}},
+    };
+    for (const auto& [type, body, path, matchData] : rows) {
+        Message::StartupCfgInfo info;
+        Serialization::StavikUnpackMatchDataAndPathRequest(TextRecord(type, body), info);
+        EXPECT_EQ(info.path, path) << body;
+        EXPECT_EQ(info.matchData, matchData) << body;
+    }
     ExpectNoLine();
 }
 

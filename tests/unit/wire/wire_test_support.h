@@ -36,18 +36,32 @@ inline std::string Body(const Message::RequestMsg& msg)
     return std::string(msg.data, Message::BodySize(msg));
 }
 
+// Every member of each entry, as "name:argv,...:slot=value,...".
+template <typename AppInfo>
+inline std::vector<std::string> Rendered(const std::vector<AppInfo>& apps)
+{
+    std::vector<std::string> texts;
+    for (const AppInfo& app : apps) {
+        std::string text = app.appName + ":";
+        for (const std::string& arg : app.argv) {
+            text += arg + ",";
+        }
+        for (const auto& slot : app.dynamicPara) {
+            text += ":" + std::to_string(slot.first) + "=";
+            for (const std::string& value : slot.second) {
+                text += value + ",";
+            }
+        }
+        texts.push_back(text);
+    }
+    return texts;
+}
+
 // Captures the log of each test, so that lines can be asserted word for word.
 class LoggedTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        LogCapture::Begin();
-    }
-
-    void TearDown() override
-    {
-        LogCapture::End();
-    }
+    void SetUp() override { LogCapture::Begin(); }
+    void TearDown() override { LogCapture::End(); }
 
     static std::vector<CapturedLine> TakeLines()
     {
