@@ -1,7 +1,5 @@
 // The other process of the IPC tests. TUBIX_DIR and PROC_NAME come from the test.
 //   ipc_peer server                  serves as $PROC_NAME until killed
-//   ipc_peer client SERVICE COUNT    sends COUNT sequence messages, then exits
-//   ipc_peer resource-client RES N   opens resource RES, checks N ioctls, closes
 // The server reads each request's payload:
 //   'S' + u32 seq + filler   a sequence message, checked for order and content
 //   "report"                 answered with "count=C bad=B held=H" of this connection
@@ -22,7 +20,6 @@
 #include <thread>
 #include <vector>
 
-#include "client/zul_resource_client.h"
 #include "ipc_shared.h"
 
 namespace {
@@ -142,52 +139,6 @@ int RunServer()
     }
 }
 
-int RunClient(const char* service, uint32_t count)
-{
-    int32_t fd = IpcShared::OpenPipe(service, [](int32_t, const TubixRequest*) {}, -1);
-    if (fd <= 0) {
-        return 2;
-    }
-    for (uint32_t seq = 0; seq < count; ++seq) {
-        if (SendPatiently(fd, SeqMessage(seq)) != 0) {
-            return 3;
-        }
-    }
-    // A close drops what still waits in the send queue; an answered call
-    // behind the last message shows that nothing waits any more.
-    char answer[8];
-    std::string sync = "sync";
-    TubixRequest req{0, sync.data(), static_cast<uint32_t>(sync.size())};
-    TubixResponse resp{0, answer, sizeof(answer)};
-    if (TubixTimedRPCSync(fd, &req, &resp, 20000) != 0) {
-        return 5;
-    }
-    return TubixClosePipe(fd) == 0 ? 0 : 4;
-}
-
-// The test's resource adds cmd to every word of the record and returns cmd * 10 + 1.
-int RunResourceClient(const char* resName, uint32_t count)
-{
-    Stavik::ZulResourceClient client;
-    if (client.Open(resName, 5000) != 0) {
-        return 2;
-    }
-    for (uint32_t cmd = 1; cmd <= count; ++cmd) {
-        uint32_t record[16];
-        for (uint32_t i = 0; i < 16; ++i) {
-            record[i] = i;
-        }
-        int32_t result = 0;
-        if (client.Ioctl(cmd, record, sizeof(record), &result, 5000) != 0) {
-            return 3;
-        }
-        if (result != static_cast<int32_t>(cmd * 10 + 1) || record[0] != cmd || record[15] != 15 + cmd) {
-            return 4;
-        }
-    }
-    return client.Close() == 0 ? 0 : 5;
-}
-
 } // namespace
 
 int main(int argc, char* argv[])
@@ -196,12 +147,6 @@ int main(int argc, char* argv[])
     if (mode == "server") {
         return RunServer();
     }
-    if (mode == "client" && argc == 4) {
-        return RunClient(argv[2], static_cast<uint32_t>(strtoul(argv[3], nullptr, 10)));
-    }
-    if (mode == "resource-client" && argc == 4) {
-        return RunResourceClient(argv[2], static_cast<uint32_t>(strtoul(argv[3], nullptr, 10)));
-    }
-    fprintf(stderr, "usage: ipc_peer server | client SERVICE COUNT | resource-client RES COUNT\n");
+    fprintf(stderr, "usage: ipc_peer server\n");
     return 1;
 }

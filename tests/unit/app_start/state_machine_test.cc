@@ -109,6 +109,7 @@ TEST_F(StateMachineTest, StepsWithoutASignalFollowTheExitStatusTheOwnerAndTheRec
     stopping.SetExitStatus(SIGTERM);
     EXPECT_EQ(stopping.CheckState(), TERMINATED);
     EXPECT_EQ(stopping.reportState_, TERMINATED_NORMAL_EXIT);
+    EXPECT_EQ(1u, LogCapture::Count("STAVIK : Process=sm, pid=702 terminated by calling Term(), signal=15"));
 
     EXPECT_EQ(General(INITSTATE, 703).CheckState(), INITSTATE);
     EXPECT_EQ(LOG_ERR, LevelOf("STAVIK : Process sm got unexpected state=0"));

@@ -64,6 +64,12 @@ TEST_F(RequestHandler, BadTransportMessagesAreLoggedAndChangeNothing)
     Deliver(msg);
     EXPECT_TRUE(Count("SK receive START_APP msg from ownerA, appList=a,"));
     EXPECT_TRUE(IsLive("a"));
+
+    Message::RequestMsg exec{};
+    exec.type = Message::APP_EXECUTION_REPORT;
+    exec.size = snprintf(exec.data, sizeof(exec.data), "1#e#42#7#1#");
+    Deliver(exec);
+    EXPECT_TRUE(Count("SK receive APP_EXECUTION_REPORT msg from brellan report appName=e, pid=42, gid=7, state="));
 }
 
 // LOAD over the pipe is covered by tests/e2e/control; RELOAD answers zero

@@ -33,6 +33,10 @@ TEST_F(BinaryBodyTest, QueryBodyIsReadWithinItsSizeAndABadOneGivesAnEmptyList)
     EXPECT_TRUE(Serialization::ReadQueryAppStateBody(WireTest::WithSize(QueryRecord(good), UINT64_MAX), names));
     EXPECT_EQ(names.size(), 3u);
 
+    // An empty last name ends the body with its length word.
+    EXPECT_TRUE(Serialization::ReadQueryAppStateBody(QueryRecord(Word(2) + Word(1) + "a" + Word(0)), names));
+    EXPECT_EQ(names, (std::vector<std::string>{"a", ""}));
+
     EXPECT_TRUE(Serialization::ReadQueryAppStateBody(QueryRecord(Word(0)), names));
     EXPECT_TRUE(names.empty());
     ExpectNoLine();

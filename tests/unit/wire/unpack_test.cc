@@ -16,6 +16,15 @@ using WireTest::TextRecord;
 
 class UnpackTest : public WireTest::LoggedTest {};
 
+std::string Repeated(const std::string& text, size_t times)
+{
+    std::string all;
+    for (size_t i = 0; i < times; ++i) {
+        all += text;
+    }
+    return all;
+}
+
 // The entries of a start, restart or term body as the given owner sent it.
 std::vector<std::string> Unpacked(uint32_t type, const std::string& body, const std::string& owner)
 {
@@ -65,6 +74,7 @@ TEST_F(UnpackTest, ListBodiesByDialectWithTheirLimits)
         // An oversize argv skips to the next entry where the stream stands.
         {Message::START_APP, "owner", "2#a#1025#b#0#0#", {"a:", "b:"}, ": UnpackStartRequest err, argvSize=1025"},
         {Message::RESTART_APP, "zulmgr", "1#a#1025#", {"a:"}, ": UnpackRestartRequest err, argvSize=1025"},
+        {Message::RESTART_APP, "zulmgr", "1#a#1024#" + Repeated("x#", 1024), {"a:" + Repeated("x,", 1024)}, ""},
         // A bad dynamic block stops the unpack with empty entries behind.
         {Message::START_APP, "owner", "3#a#0#1#3#1#x#b#0#0#c#0#0#", {"a:", ":", ":"},
          "unpack request failed, dynamicPara index=3 invalid"},
@@ -94,6 +104,10 @@ TEST_F(UnpackTest, DynamicParaBounds)
     EXPECT_TRUE(Serialization::UnPackDynamicPara(negative, para));
     // A group of no values creates no slot, and a negative index is a slot of its own.
     EXPECT_EQ(para, (DynamicParaMap{{-1, {"neg"}}, {2, {"x", "y"}}}));
+
+    std::istringstream most("1#0#1024#" + Repeated("v#", 1024));
+    EXPECT_TRUE(Serialization::UnPackDynamicPara(most, para));
+    EXPECT_EQ(para, (DynamicParaMap{{0, std::vector<std::string>(1024, "v")}}));
 
     std::istringstream repeated("2#0#1#a#0#1#b#");
     EXPECT_TRUE(Serialization::UnPackDynamicPara(repeated, para));
@@ -129,10 +143,12 @@ TEST_F(UnpackTest, SingleRecordBodiesAndMatchData)
     EXPECT_EQ(exec.gid, 0u);
     EXPECT_EQ(exec.state, 9u);
 
-    // A count of 0 or of 102400 pairs reads none; a repeated key keeps its first value.
+    // A count of 0 or of 102400 pairs reads none; a repeated key keeps its
+    // first value; pairs the body lacks read as one empty pair.
     const std::tuple<uint32_t, const char*, const char*, std::map<std::string, std::string>> rows[] = {
         {Message::LOAD_STARTUP_CFG, "1#/etc/x.yaml#0#k#v#", "/etc/x.yaml", {}},
         {Message::RELOAD_STARTUP_CFG, "1#/p#102400#k#v#", "/p", {}},
+        {Message::RELOAD_STARTUP_CFG, "1#/p#102399#k#v#", "/p", {{"k", "v"}, {"", ""}}},
         {Message::LOAD_STARTUP_CFG, "1#/p#3#k#v1#k#v2#j#w#", "/p", {{"k", "v1"}, {"j", "w"}}},
     };
     for (const auto& [type, body, path, matchData] : rows) {
