@@ -1,14 +1,16 @@
 // A child for the tests: records what it was given, then lives, exits or
 // crashes as told.
 //   probe_child [--out FILE] [--out-dir DIR] [--exit CODE] [--after-ms N]
-//               [--signal SIG] [--no-core] [--ignore-term] [--threads N]
+//               [--signal SIG] [--no-core] [--die-while FILE] [--ignore-term]
+//               [--threads N]
 // The record holds one "key=value" line each: uid, gid, groups, nice, policy,
 // rtprio (the RLIMIT_RTPRIO soft limit), pid, ppid, boottime_ns (start, on
 // CLOCK_BOOTTIME), argv, env.NAME for every variable, and fd.N for every
 // descriptor it was given (its target). --out-dir writes it
 // to DIR/<pid>, so that every incarnation of a restarted service keeps its own.
 // A planned death (--exit or --signal) appends exit_boottime_ns just before it
-// happens. --no-core keeps a fatal signal from
+// happens. --die-while makes that death conditional on FILE existing at the
+// start; otherwise the child lives on. --no-core keeps a fatal signal from
 // writing a core file. --threads starts N more threads that only wait, named
 // "probe_worker", before the record is written.
 #include <dirent.h>
@@ -47,6 +49,7 @@ struct Plan {
 Plan ReadPlan(int argc, char* argv[])
 {
     Plan plan;
+    const char* dieWhile = nullptr;
     for (int i = 1; i < argc; ++i) {
         std::string word = argv[i];
         bool hasValue = i + 1 < argc;
@@ -66,7 +69,13 @@ Plan ReadPlan(int argc, char* argv[])
             plan.ignoreTerm = true;
         } else if (word == "--threads" && hasValue) {
             plan.threads = atoi(argv[++i]);
+        } else if (word == "--die-while" && hasValue) {
+            dieWhile = argv[++i];
         }
+    }
+    if (dieWhile != nullptr && access(dieWhile, F_OK) != 0) {
+        plan.exitCode = -1;
+        plan.signal = 0;
     }
     return plan;
 }

@@ -1,5 +1,6 @@
 #include "tests/support/played_owners.h"
 
+#include <dirent.h>
 #include <sched.h>
 #include <sys/wait.h>
 
@@ -81,6 +82,28 @@ char ProcessState(pid_t pid)
     std::string stat = ReadWholeFile("/proc/" + std::to_string(pid) + "/stat");
     size_t close = stat.rfind(')');
     return close == std::string::npos || close + 2 >= stat.size() ? 0 : stat[close + 2];
+}
+
+std::map<pid_t, char> ChildrenOf(pid_t parent)
+{
+    std::map<pid_t, char> children;
+    DIR* proc = opendir("/proc");
+    while (struct dirent* entry = proc == nullptr ? nullptr : readdir(proc)) {
+        // The state and the parent follow the command name, which may hold blanks.
+        std::string stat = ReadWholeFile("/proc/" + std::string(entry->d_name) + "/stat");
+        size_t close = stat.rfind(')');
+        pid_t pid = 0;
+        pid_t ppid = 0;
+        char state = 0;
+        if (close != std::string::npos && sscanf(stat.c_str(), "%d", &pid) == 1 &&
+            sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == parent) {
+            children[pid] = state;
+        }
+    }
+    if (proc != nullptr) {
+        closedir(proc);
+    }
+    return children;
 }
 
 std::vector<uint32_t> UsableCpus()

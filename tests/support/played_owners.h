@@ -55,6 +55,8 @@ bool ProcessAlive(pid_t pid);
 bool IgnoresSignal(pid_t pid, int signal);
 // The state letter of /proc/<pid>/stat, 0 when the process is gone.
 char ProcessState(pid_t pid);
+// Children of a process as /proc shows them: pid to state letter.
+std::map<pid_t, char> ChildrenOf(pid_t parent);
 // The CPUs this process may use, in order.
 std::vector<uint32_t> UsableCpus();
 // Cpus_allowed_list of a thread, "" when it is gone.

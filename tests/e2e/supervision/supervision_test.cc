@@ -1,5 +1,6 @@
 // Reaping, state changes and restart policy of base services, seen from
 // outside the real daemon; the services are probe children that die as told.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -165,6 +166,74 @@ TEST_F(DeathsRun, EachKindOfDeathGivesItsExitLineAndReason)
     EXPECT_EQ(0u, daemon_->CountLines("STAVIK: appName=killed, pid="));
     EXPECT_EQ(0u, daemon_->CountLines("STAVIK: appName=exit3, pid="));
     EXPECT_EQ(0u, daemon_->CountLines(UNMATCHED_DEATH));
+}
+
+size_t DescriptorCount(pid_t pid)
+{
+    size_t count = 0;
+    DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
+    while (dirent* entry = dir == nullptr ? nullptr : readdir(dir)) {
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    if (dir != nullptr) {
+        closedir(dir);
+    }
+    return count;
+}
+
+// No zombie, exactly one live child per service, the latest one started, and
+// an exit status filed for every earlier one.
+bool EachServiceHasOneLiveChild(const DaemonProcess& daemon, size_t services)
+{
+    std::vector<StartLine> starts = daemon.Starts();
+    std::map<std::string, pid_t> latest;
+    for (const StartLine& start : starts) {
+        latest[start.name] = start.pid;
+    }
+    std::map<pid_t, char> children = ChildrenOf(daemon.Pid());
+    bool ok = latest.size() == services && children.size() == services &&
+              daemon.CountLines("STAVIK : SetExitStatus ") == starts.size() - services;
+    for (const auto& service : latest) {
+        ok = ok && children.count(service.second) != 0 && children[service.second] != 'Z';
+    }
+    return ok;
+}
+
+// Several hundred deaths in bursts: every one is reaped and filed with its
+// record, the daemon's descriptors stay flat, and once the services settle
+// each has exactly one live child.
+TEST(SupervisionStorm, BurstsOfDeathsLeaveNoZombieNoUnmatchedDeathAndNoDescriptor)
+{
+    const size_t services = 12;
+    Sandbox sandbox;
+    const std::string dieFlag = sandbox.Path("/run/storm_on");
+    std::vector<AppEntry> specs;
+    for (size_t i = 0; i < services; ++i) {
+        specs.push_back(ProbeApp("storm_" + std::to_string(10 + i), {"--die-while", dieFlag, "--after-ms", "5",
+                                                                     "--exit", "0"}).With("restart", "on-forever"));
+    }
+    DaemonProcess daemon(sandbox, {sandbox.WriteFile("/etc/base.yaml", AppsText(specs))});
+    // Killed before the boot has filed its record, a child would die unowned.
+    ASSERT_NE("", daemon.WaitForLine(" InitBaseApplication end", LOOP_TIMEOUT_MS)) << daemon.Log();
+    ASSERT_EQ(services, daemon.Starts().size()) << daemon.Log();
+
+    // The first incarnations live until they are killed together; from then on each dies young.
+    sandbox.WriteFile("/run/storm_on", "");
+    for (const StartLine& start : daemon.Starts()) {
+        kill(start.pid, SIGKILL);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return daemon.Starts().size() >= services + 100; }, LOOP_TIMEOUT_MS));
+    size_t early = DescriptorCount(daemon.Pid());
+    EXPECT_TRUE(WaitUntil([&] { return daemon.Starts().size() >= services + 400; }, LOOP_TIMEOUT_MS));
+    // At most one pipe per service is open at any moment; a leak would be one per restart.
+    EXPECT_LE(DescriptorCount(daemon.Pid()), early + services);
+    unlink(dieFlag.c_str());
+
+    EXPECT_TRUE(WaitUntil([&] { return EachServiceHasOneLiveChild(daemon, services); }, LOOP_TIMEOUT_MS))
+        << "starts=" << daemon.Starts().size() << " exit statuses=" << daemon.CountLines("STAVIK : SetExitStatus ")
+        << " children=" << ChildrenOf(daemon.Pid()).size();
+    EXPECT_EQ(0u, daemon.CountLines(UNMATCHED_DEATH)) << daemon.WaitForLine(UNMATCHED_DEATH, 0);
+    EXPECT_EQ(0u, daemon.CountLines("restart failed"));
 }
 
 } // namespace
