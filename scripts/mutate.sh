@@ -94,6 +94,7 @@ RunTests() {
 }
 
 # Without mutants everything must build and pass, or no verdict means anything.
+# shellcheck disable=SC2048,SC2086 # each entry splits into its programs
 programs[all]="$(printf '%s\n' ${programs[*]} | sort -u | tr '\n' ' ')"
 Build all || { echo "mutate.sh: the tree does not build; see $build/mutant-build.log" >&2; exit 1; }
 if failed=$(RunTests all); then :; else
