@@ -5,13 +5,14 @@
 # stillborn (did not build). The source tree is changed in place while it runs
 # and put back after each mutant, so run it in a tree nobody edits meanwhile.
 #
-#   scripts/mutate.sh [-s SEED] [-n COUNT] [-k K/N] [-b BUILD] [-l LIST] [-o REPORT]
+#   scripts/mutate.sh [-s SEED] [-n COUNT] [-k K/N] [-b BUILD] [-l LIST] [-o REPORT] [-f REPORT]
 #   scripts/mutate.sh -r REPORT...      sums up finished reports
 #
 # LIST (default scripts/mutate.list) names, a line each, a source file and the
 # test programs to run against its mutants, fastest first; a program may carry
 # a gtest filter after a colon. -k K/N runs every N-th mutant of the sample from
-# the K-th, so that N trees can share one sample.
+# the K-th, so that N trees can share one sample. -f runs only the mutants of
+# the sample that survived in an earlier report, to see new tests kill them.
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -22,7 +23,8 @@ build="$root/build-mutate"
 list="$root/scripts/mutate.list"
 report=""
 summary=0
-while getopts "s:n:k:b:l:o:r" opt; do
+previous=""
+while getopts "s:n:k:b:l:o:f:r" opt; do
     case $opt in
         s) seed=$OPTARG ;;
         n) count=$OPTARG ;;
@@ -30,8 +32,9 @@ while getopts "s:n:k:b:l:o:r" opt; do
         b) build=$OPTARG ;;
         l) list=$OPTARG ;;
         o) report=$OPTARG ;;
+        f) previous=$OPTARG ;;
         r) summary=1 ;;
-        *) sed -n '2,15p' "$0"; exit 2 ;;
+        *) sed -n '2,17p' "$0"; exit 2 ;;
     esac
 done
 shift $((OPTIND - 1))
@@ -102,6 +105,13 @@ if failed=$(RunTests all); then :; else
     exit 1
 fi
 
+declare -A survivors
+if [ -n "$previous" ]; then
+    while IFS=$'\t' read -r verdict file line col rest; do
+        [ "$verdict" = SURVIVED ] && survivors["$file:$line:$col:$rest"]=1
+    done < "$previous"
+fi
+
 backup="$(mktemp)"
 current=""
 Restore() {
@@ -118,6 +128,9 @@ cd "$root"
 while IFS=$'\x1f' read -r file line col old new kind; do
     index=$((index + 1))
     [ $(((index - shardIndex) % shardCount)) -eq 0 ] || continue
+    if [ -n "$previous" ] && [ -z "${survivors["$file:$line:$col:$old"$'\t'"$new"$'\t'"$kind"$'\t'-]:-}" ]; then
+        continue
+    fi
     cp "$file" "$backup"
     current="$file"
     python3 "$root/scripts/mutants.py" apply "$file" "$line" "$col" "$old" "$new"

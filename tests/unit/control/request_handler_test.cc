@@ -70,6 +70,13 @@ TEST_F(RequestHandler, BadTransportMessagesAreLoggedAndChangeNothing)
     exec.size = snprintf(exec.data, sizeof(exec.data), "1#e#42#7#1#");
     Deliver(exec);
     EXPECT_TRUE(Count("SK receive APP_EXECUTION_REPORT msg from brellan report appName=e, pid=42, gid=7, state="));
+
+    Message::RequestMsg term{};
+    term.type = Message::TERM_APP;
+    term.size = snprintf(term.data, sizeof(term.data), "1#a#");
+    Deliver(term);
+    EXPECT_TRUE(Count("SK receive TERM_APP msg from ownerA"));
+    EXPECT_FALSE(Count("BASESERVICE_STATE_REPORT"));
 }
 
 // LOAD over the pipe is covered by tests/e2e/control; RELOAD answers zero

@@ -90,6 +90,8 @@ TEST_F(CheckReports, BaseEndIsToldAndUnwatchedAndItsRestartIsToldWellOrWatched)
     EXPECT_EQ(0u, Events("watched", SENSOR_EVENT_WELL));
     EXPECT_TRUE(Watched("watched"));
     EXPECT_EQ(1u, Events("starter", SENSOR_EVENT_WELL));
+    // Both have their pipe again.
+    EXPECT_EQ(2u, LogCapture::Count(" restart success"));
 }
 
 // The kill manager hears of every start and end of its type of application;
@@ -114,7 +116,7 @@ TEST_F(CheckReports, GeneralChangesTellTheFaultNodesAndTheKillManager)
         {"km_ends", 0, KILL_MGR_PROCESS_TYPE, TERMINATING, 0, TERMINATED_NORMAL_EXIT, 4, -1},
         {"km_wait_starts", 1, KILL_MGR_PROCESS_TYPE, STARTING, -1, RUNNING_NORMAL_START, 3, 0},
         {"plain_dies", 1, 0, RUNNING, EXIT_CODE_1, TERMINATED_ABNORMAL_EXIT, -1, 1},
-        {"plain_slow", 0, 0, TERMINATING, -1, RUNNING_ABNORMAL_TERM_TIMEOUT, -1, -1},
+        {"km_slow", 0, KILL_MGR_PROCESS_TYPE, TERMINATING, -1, RUNNING_ABNORMAL_TERM_TIMEOUT, -1, -1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
