@@ -25,29 +25,14 @@ term_timeout_ms="${TERM_TIMEOUT_MS:-5000}"
 
 stress_begin owners_load
 owner_name() { printf "load_%03d" "$1"; }
-{
-  echo "apps:"
+owner_keys() {
   cat <<YAML
-$(zulmgr_entry)
+    args: [--startup, "$root/etc/$2.yaml", --apps, "$apps", --rounds, "$rounds", --go-file, "$root/go",
+           --out, "$root/out/$2", --report-timeout-ms, "$report_timeout_ms"]
 YAML
-  for ((i = 0; i < owners; i++)); do
-    name=$(owner_name "$i")
-    cat <<YAML
-  - name: $name
-    bin_path: "$load_owner_bin"
-    args: [--startup, "$root/etc/$name.yaml", --apps, "$apps", --rounds, "$rounds", --go-file, "$root/go",
-           --out, "$root/out/$name", --report-timeout-ms, "$report_timeout_ms"]
-    reporting: true
-    startup_entry_path: "$root/etc/$name.yaml"
-YAML
-    {
-      echo "apps:"
-      for ((k = 0; k < apps; k++)); do
-        printf '  - name: %s_a%d\n    bin_path: "%s"\n    term_timeout_ms: %s\n' "$name" "$k" "$probe_bin" "$term_timeout_ms"
-      done
-    } > "$root/etc/$name.yaml"
-  done
-} > "$root/etc/base.yaml"
+}
+app_keys() { printf '    term_timeout_ms: %s\n' "$term_timeout_ms"; }
+write_owners_manifest
 
 start_daemon "$root/etc/base.yaml"
 wait_for 300 booted || { fail "the boot did not end"; finish; }

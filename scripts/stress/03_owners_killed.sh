@@ -23,29 +23,17 @@ fd_growth_max="${FD_GROWTH_MAX:-0}"
 
 stress_begin owners_killed
 owner_name() { printf "victim_%02d" "$1"; }
-{
-  echo "apps:"
+owner_keys() {
+  local policy=on-forever
+  if (($1 % 2)); then policy=on-failure; fi
   cat <<YAML
-$(zulmgr_entry)
-YAML
-  for ((i = 0; i < owners; i++)); do
-    name=$(owner_name "$i")
-    if ((i % 2)); then policy=on-failure; else policy=on-forever; fi
-    cat <<YAML
-  - name: $name
-    bin_path: "$load_owner_bin"
-    args: [--startup, "$root/etc/$name.yaml", --apps, "$apps", --stop-file, "$root/stop", --lenient,
-           --out, "$root/out/$name", --report-timeout-ms, "5000"]
-    reporting: true
+    args: [--startup, "$root/etc/$2.yaml", --apps, "$apps", --stop-file, "$root/stop", --lenient,
+           --out, "$root/out/$2", --report-timeout-ms, "5000"]
     restart: $policy
-    startup_entry_path: "$root/etc/$name.yaml"
 YAML
-    {
-      echo "apps:"
-      for ((k = 0; k < apps; k++)); do printf '  - name: %s_a%d\n    bin_path: "%s"\n' "$name" "$k" "$probe_bin"; done
-    } > "$root/etc/$name.yaml"
-  done
-} > "$root/etc/base.yaml"
+}
+app_keys() { :; }
+write_owners_manifest
 
 start_daemon "$root/etc/base.yaml"
 wait_for 300 booted || { fail "the boot did not end"; finish; }

@@ -253,9 +253,10 @@ def owner_mode(rng, count, out, startup):
         time.sleep(3600)
 
 
-def upload_mode(rng, count, pid):
-    path = os.path.join(os.environ["TUBIX_DIR"], "STAVIK")
-    seed = b"up_stress#/bin/sleep#%d#0#1#all#1#DEFAULT_MEM_GROUP#0#0#" % pid
+def send_records(rng, path, name, count, make_payload, mode, paced=False):
+    """Sends count (payload, torn) pairs of make_payload(), over a fresh
+    connection every RECONNECT_EVERY records; prints what came back. Paced:
+    every 50th waits for its answer, so that the answers keep the service's pace."""
     sent = broken = answered = 0
     peer = None
     for i in range(count):
@@ -263,17 +264,28 @@ def upload_mode(rng, count, pid):
             if peer:
                 answered += len(peer.answers)
                 peer.conn.close()
-            peer = connect(path, b"stress_upload")
-        body = mutate(rng, seed, UPLOAD_DATA) if rng.random() < 0.9 else rng.randbytes(rng.randint(0, UPLOAD_DATA))
-        size = rng.choice([None] * 9 + [rng.getrandbits(64), UPLOAD_DATA + 1])
-        payload = struct.pack("<Q", len(body) if size is None else size) + body.ljust(UPLOAD_DATA, b"\0")
-        is_broken = rng.random() < 0.15
+            peer = connect(path, name)
+        payload, is_broken = make_payload()
         peer.send(rng, payload, is_broken)
         sent += 1
         broken += is_broken
+        if paced and i % 50 == 0:
+            peer.await_answer(peer.next_id - 1, 5)
     time.sleep(0.5)
     answered += len(peer.answers)
-    print("upload: sent=%d broken=%d answered=%d" % (sent, broken, answered))
+    print("%s: sent=%d broken=%d answered=%d" % (mode, sent, broken, answered))
+
+
+def upload_mode(rng, count, pid):
+    seed = b"up_stress#/bin/sleep#%d#0#1#all#1#DEFAULT_MEM_GROUP#0#0#" % pid
+
+    def payload():
+        body = mutate(rng, seed, UPLOAD_DATA) if rng.random() < 0.9 else rng.randbytes(rng.randint(0, UPLOAD_DATA))
+        size = rng.choice([None] * 9 + [rng.getrandbits(64), UPLOAD_DATA + 1])
+        record = struct.pack("<Q", len(body) if size is None else size) + body.ljust(UPLOAD_DATA, b"\0")
+        return record, rng.random() < 0.15
+
+    send_records(rng, os.path.join(os.environ["TUBIX_DIR"], "STAVIK"), b"stress_upload", count, payload, "upload")
 
 
 def sysop_record(rng, cmd, pid):
@@ -304,28 +316,15 @@ def sysop_record(rng, cmd, pid):
 
 
 def sysop_mode(rng, count, pid):
-    path = os.path.join(os.environ["TUBIX_DIR"], "res", "res", "stavik", "sys_server")
-    sent = broken = answered = 0
-    peer = None
-    for i in range(count):
-        if i % RECONNECT_EVERY == 0:
-            if peer:
-                answered += len(peer.answers)
-                peer.conn.close()
-            peer = connect(path, b"stress_sysop")
+    def payload():
         cmd = rng.choice([0, 1, 2, 3, 4, 0, 1, 2, 3, 4, 5, rng.getrandbits(32)])
-        payload = struct.pack("<II", cmd, 0 if rng.random() < 0.9 else rng.getrandbits(32)) + sysop_record(rng, cmd, pid)
+        record = struct.pack("<II", cmd, 0 if rng.random() < 0.9 else rng.getrandbits(32)) + sysop_record(rng, cmd, pid)
         if rng.random() < 0.05:
-            payload = payload[:rng.randrange(8)]
-        is_broken = rng.random() < 0.15
-        peer.send(rng, payload, is_broken)
-        sent += 1
-        broken += is_broken
-        if i % 50 == 0:  # the answers keep the pace of the service
-            peer.await_answer(peer.next_id - 1, 5)
-    time.sleep(0.5)
-    answered += len(peer.answers)
-    print("sysop: sent=%d broken=%d answered=%d" % (sent, broken, answered))
+            record = record[:rng.randrange(8)]
+        return record, rng.random() < 0.15
+
+    path = os.path.join(os.environ["TUBIX_DIR"], "res", "res", "stavik", "sys_server")
+    send_records(rng, path, b"stress_sysop", count, payload, "sysop", paced=True)
 
 
 def heartbeat_mode(rng, count):

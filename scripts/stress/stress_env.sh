@@ -75,6 +75,31 @@ zulmgr_entry() {
 YAML
 }
 
+# The base manifest: zulmgr, then OWNERS owners played by load_owner, each
+# with APPS probe applications in its own startup file. The script names the
+# owners (owner_name I) and gives the rest of an owner's entry (owner_keys I
+# NAME) and of each application's (app_keys).
+write_owners_manifest() {
+  local i k name
+  {
+    echo "apps:"
+    zulmgr_entry
+    for ((i = 0; i < owners; i++)); do
+      name=$(owner_name "$i")
+      printf '  - name: %s\n    bin_path: "%s"\n    reporting: true\n    startup_entry_path: "%s"\n' \
+        "$name" "$load_owner_bin" "$root/etc/$name.yaml"
+      owner_keys "$i" "$name"
+      {
+        echo "apps:"
+        for ((k = 0; k < apps; k++)); do
+          printf '  - name: %s_a%d\n    bin_path: "%s"\n' "$name" "$k" "$probe_bin"
+          app_keys
+        done
+      } > "$root/etc/$name.yaml"
+    done
+  } > "$root/etc/base.yaml"
+}
+
 log_count() { grep -c -- "$1" "$root/daemon.log" || true; }
 
 fail() {
